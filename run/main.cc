@@ -1,0 +1,3 @@
+#include "run/quon_main.h"
+
+int main(int argc, char** argv) { return quon_main(argc, argv); }

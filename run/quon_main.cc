@@ -1,0 +1,1 @@
+int quon_main(int, char**) { return 0; }

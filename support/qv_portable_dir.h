@@ -1,0 +1,78 @@
+// Paths and directory enumeration: splitting path texts, listing a folder,
+// and the file-name source that feeds the main loop from standard input
+// (-pipe) or from a walk of a folder tree (-enumdir).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <stack>
+#include <string>
+#include <vector>
+
+#include "support/uni_fileio.h"
+
+namespace qvportdir {
+
+struct dir_entry {
+  std::string path;   // full name; a folder's ends in the separator
+  std::string name;   // last element of a file; empty for a folder
+  bool is_dir = false;
+  bool long_form = false;  // path starts with \\?\ and is longer than four
+  uint32_t depth = 0;
+};
+
+bool split_path(const std::string& path, std::string& dir, std::string& name);
+bool split_path(const std::wstring& path, std::wstring& dir, std::wstring& name);
+bool split_path_ext(const std::string& path, std::string& dir, std::string& stem,
+                    std::string& extension);
+
+// Lists `path` (files and folders) after expanding whole-element "*" folders;
+// `mask` filters file names by stem and extension ("*.*" when empty).
+void list_directory(const std::string& path, const std::string& mask,
+                    std::vector<dir_entry>& entries);
+
+bool file_exists(const std::string& path);
+bool file_exists(const std::wstring& path);
+
+// The running executable's path through /proc/self/exe; empty on failure.
+std::string executable_path();
+
+// Answers whether a file name found by the walk is admitted (the -filter list).
+using name_filter = std::function<bool(const std::wstring& name)>;
+
+class stdin_stream_ex : public uni::stdin_stream {
+ public:
+  // `filter` is consulted for every file the walk finds; empty admits all.
+  explicit stdin_stream_ex(name_filter filter = {});
+  ~stdin_stream_ex() override;
+
+  bool open_stdin(bool flag);
+  bool start_enumeration(const std::string& folder, uint32_t max_depth,
+                         const std::vector<std::wstring>& name_filters);
+  bool getline(std::string& out, bool strip_eol) override;
+  bool getline(std::wstring& out, bool strip_eol) override;
+
+ private:
+  struct pending_dir {
+    std::wstring path;
+    uint32_t depth = 0;
+  };
+  bool next_name(std::wstring& out);
+  bool admit_path(std::wstring& name, bool unfiltered);
+
+  std::stack<pending_dir, std::vector<pending_dir>> pending_dirs_;
+  std::stack<std::wstring, std::vector<std::wstring>> pending_files_;
+  uint32_t max_depth_ = 1;
+  std::vector<std::wstring> name_filters_;
+  bool enumerating_ = false;
+  name_filter filter_;
+};
+
+// A scoped guard held around file-system work; does nothing on this platform.
+class wow64_redirect_adt {
+ public:
+  wow64_redirect_adt() = default;
+  virtual ~wow64_redirect_adt() = default;
+};
+
+}  // namespace qvportdir

@@ -1,0 +1,67 @@
+// The template store: the program's database of event layouts and provider
+// names.
+//
+// A layout (`event_template`) is a list of 16-bit words, one per field, each
+// with a name. Bits 0-7 of a word are the value type or operation, bits 8-11
+// an argument nibble, bits 12-15 the family (0 plain value, 8 special, 9 self
+// sized, 0xA count from an earlier field, 0xB count in the next word, 0xC
+// fixed skip, 0xD fixed-count array, 0xE skip sized by an earlier field).
+//
+// Providers map event identifiers to a `build_map`: Windows build number to
+// the digest of a layout. Layouts are stored once per distinct text, so equal
+// layouts of different providers share one template.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/guid.h"
+
+using template_digest = std::array<uint8_t, 16>;
+
+struct event_template {
+  std::string layout_text;        // names and decimal words, no separators
+  template_digest digest{};       // 128-bit hash of layout_text
+  std::vector<uint16_t> words;
+  std::vector<std::string> names;  // same length as words
+  bool percent_form = false;
+  bool has_wide_word = false;
+};
+
+// Windows build -> digest; build 0 stands for "all builds".
+using build_map = std::map<uint16_t, template_digest>;
+
+struct provider_entry {
+  std::map<uint16_t, build_map> events;
+  std::string name;
+};
+
+struct template_store {
+  std::vector<event_template> templates;
+  std::map<template_digest, uint32_t> by_digest;
+  std::map<qv::guid16, provider_entry> providers;
+  std::map<uint16_t, qv::guid16> group_guids;  // hook id with low byte cleared -> GUID
+  uint32_t trace_build = 0;
+};
+
+// Builds `layout_text` from words and names (padding names with empty ones)
+// and hashes it into `digest`.
+void build_layout(event_template& t);
+// The 128-bit hash used for digests and text-line keys.
+template_digest digest_of(const std::string& text);
+
+// The layout for a provider and event id under the store's trace build, or
+// nullptr. Three ordered-map searches, no allocation.
+const event_template* find_event_template(const template_store& store, const qv::guid16& guid,
+                                          uint16_t event_id);
+// The provider's name, or an empty text when unknown or unnamed.
+const std::string& provider_name_of(const template_store& store, const qv::guid16& guid);
+// The GUID of a classic event's group (event_id with its low byte cleared).
+bool group_guid_of(const template_store& store, uint16_t event_id, qv::guid16& out);
+// Makes an entry for the GUID if missing and names it if it has no name yet.
+bool set_provider_name(template_store& store, const qv::guid16& guid, const std::string& name);
+void clear(template_store& store);
+void set_trace_build(template_store& store, uint32_t build);

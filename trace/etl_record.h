@@ -1,0 +1,66 @@
+// One unpacked event record, common to every event header kind.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "decode/decoded_field.h"
+#include "support/guid.h"
+
+// Event header kinds, as the reader recognises them.
+enum record_kind : uint32_t {
+  kind_placeholder = 0,  // marks a damaged stretch stepped over
+  kind_9000_18 = 1,      // 0x9000 header, 24-byte form
+  kind_9000_1c = 2,      // 0x9000 header, 28-byte form
+  kind_c002 = 3,         // classic system header with thread, process and time
+  kind_c011 = 4,         // compact classic header
+  kind_c00a = 5,         // first 48 bytes of EVENT_HEADER
+  kind_c012 = 6,         // EVENT_HEADER
+  kind_c013 = 7,         // EVENT_HEADER
+  kind_other = 8,        // any record with a plausible version word and size
+  kind_unknown = 9,      // passed the buffer loop's test, failed the file's hint
+};
+
+struct etl_record {
+  uint16_t size = 0;
+  uint16_t header_type = 0;
+  uint16_t flags_or_version = 0;
+  uint16_t event_property = 0;
+  uint32_t thread_id = 0;
+  uint32_t process_id = 0;
+  uint64_t raw_time = 0;
+  qv::guid16 provider_id{};
+  uint16_t event_id = 0;
+  uint8_t version = 0;
+  uint8_t channel = 0;
+  uint8_t level = 0;
+  uint8_t opcode = 0;
+  uint16_t task = 0;
+  uint64_t keyword = 0;
+  uint64_t time_word = 0;
+  qv::guid16 activity_id{};
+  uint32_t reserved_word = 0;
+  uint16_t hook_id = 0;
+  uint8_t processor = 0;
+  uint8_t alignment = 0;
+  uint16_t logger_id = 0;
+  uint64_t absolute_time = 0;
+  std::string provider_name;
+  decoded_fields fields;
+  uint32_t kind = kind_placeholder;
+  bool has_provider = false;
+  bool valid = true;
+  bool guessed = false;
+  uint64_t file_offset = 0;
+
+  // Clears every value but keeps the storage of names and fields for reuse.
+  void reset() {
+    std::string name = std::move(provider_name);
+    decoded_fields f = std::move(fields);
+    *this = etl_record();
+    name.clear();
+    f.clear();
+    provider_name = std::move(name);
+    fields = std::move(f);
+  }
+};
