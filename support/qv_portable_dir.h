@@ -21,8 +21,12 @@ struct dir_entry {
   uint32_t depth = 0;
 };
 
+// Splits at the last "\", failing that the last "/". No split point, or one at
+// the first character, gives dir "." and the whole path as name; a name of
+// ".." becomes "." with "\.." or "//.." added to dir. False on empty path.
 bool split_path(const std::string& path, std::string& dir, std::string& name);
 bool split_path(const std::wstring& path, std::wstring& dir, std::wstring& name);
+// split_path, then the last "." of the name divides stem from extension.
 bool split_path_ext(const std::string& path, std::string& dir, std::string& stem,
                     std::string& extension);
 
@@ -30,6 +34,12 @@ bool split_path_ext(const std::string& path, std::string& dir, std::string& stem
 // `mask` filters file names by stem and extension ("*.*" when empty).
 void list_directory(const std::string& path, const std::string& mask,
                     std::vector<dir_entry>& entries);
+
+// Appends the entries of one folder, in the order the system gives, to
+// `list`. Symbolic links are files and are never followed. Folders get
+// `depth + 1`; files are skipped with `dirs_only`. True when any was added.
+bool read_folder(const std::string& dir, std::vector<dir_entry>& list, uint32_t depth,
+                 bool dirs_only, bool unix_separator);
 
 bool file_exists(const std::string& path);
 bool file_exists(const std::wstring& path);

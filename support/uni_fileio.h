@@ -17,7 +17,10 @@ namespace uni {
 
 class fileio;
 
-// A put-area buffer that hands full blocks to `write_block`.
+// A put-area buffer that hands full blocks to `write_block`. The put area is
+// one element short of the capacity so that `overflow` always has room for
+// the character that caused it. `sync` writes nothing: a `flush()` on the
+// stream doesn't reach the file before the buffer fills or the owner flushes.
 template <typename CharT, typename Traits = std::char_traits<CharT>>
 class streambuf_generic_output : public std::basic_streambuf<CharT, Traits> {
  public:
@@ -31,6 +34,8 @@ class streambuf_generic_output : public std::basic_streambuf<CharT, Traits> {
 
  protected:
   typename Traits::int_type overflow(typename Traits::int_type c) override;
+  // A run of characters goes into the buffer in one copy; a run larger than
+  // the buffer goes straight to `write_block` after what is pending.
   std::streamsize xsputn(const CharT* s, std::streamsize n) override;
   int sync() override { return 0; }  // flush() doesn't reach the file
 
@@ -39,6 +44,10 @@ class streambuf_generic_output : public std::basic_streambuf<CharT, Traits> {
   bool ready_ = false;
 };
 
+// Instantiated once, for char, in uni_fileio.cc.
+extern template class streambuf_generic_output<char>;
+
+// Writes its blocks by `append` on the file it belongs to.
 class fileio_ostream : public streambuf_generic_output<char> {
  public:
   fileio_ostream(fileio* file, size_t capacity);
@@ -49,6 +58,7 @@ class fileio_ostream : public streambuf_generic_output<char> {
   fileio* file_;
 };
 
+// The ostream that `fileio::get_ostream` hands out; flushes on destruction.
 class fileio_output : public std::ostream {
  public:
   fileio_output(fileio* file, size_t capacity);
@@ -61,7 +71,7 @@ class fileio_output : public std::ostream {
 };
 
 // An output stream over an already open descriptor (standard output), with
-// the same 256 KiB buffering as the result file.
+// the same 256 KiB buffering as the result file. The descriptor isn't closed.
 class fd_output : public std::ostream {
  public:
   explicit fd_output(int fd, size_t capacity = 262144);
