@@ -27,13 +27,18 @@ std::string to_narrow(const std::wstring& in);
 std::wstring to_wide(const std::string& in);
 
 // UTF-16LE at `source` (no alignment needed), read up to `max_bytes` bytes or
-// a zero unit. `max_bytes` 0xFFFFFFFF means "up to the zero unit", limited to
-// 500 units: the caller must then guarantee 1000 readable bytes. Returns the
-// bytes consumed (units copied times 2). A broken surrogate pair makes the
-// whole text fall back to one element per unit.
+// a zero unit; never reads past `max_bytes` (an odd last byte is not read).
+// `max_bytes` 0xFFFFFFFF means "up to the zero unit", limited to 500 units:
+// the caller must then guarantee 1000 readable bytes at `source`. Returns the
+// bytes consumed (units copied times 2, the zero unit not included). A high
+// surrogate followed by a low one gives one code point; a lone low surrogate
+// passes as itself; a high surrogate without its low half makes the whole
+// text fall back to one element per unit, nothing replaced or dropped.
 uint32_t utf16_to_wide(const uint8_t* source, std::wstring& out, uint32_t max_bytes);
-// As utf16_to_wide, giving UTF-8. With `count_terminator`, a non-zero count
-// below `max_bytes - 1` (signed) has 2 added for the terminator.
+// As utf16_to_wide, giving UTF-8 directly (surrogate values of the fallback
+// take three bytes each). With `count_terminator`, a non-zero count below
+// `max_bytes - 1`, compared as signed 32-bit numbers, has 2 added for the
+// terminator; so the unbounded form (0xFFFFFFFF) never adds it.
 uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
                     bool count_terminator);
 
@@ -63,6 +68,9 @@ void replace_char(std::wstring& s, wchar_t from, wchar_t to, bool ignore_case = 
 bool erase_first(std::string& s, std::string& what, bool ignore_case);
 void pad_blanks(std::ostream& out, size_t n);
 // Expands %NAME% references from the environment, in place; returns `text`.
+// Expanded values are scanned again; the work stops once the text exceeds 512
+// characters. With `shadow_form`, an undefined %vss% becomes the prefix of a
+// volume shadow copy device path. Unknown names stay as written.
 std::string& expand_environment(std::string& text, bool shadow_form);
 
 // ---- Splitting -----------------------------------------------------------
@@ -71,9 +79,13 @@ bool split(const std::string& text, char delimiter, std::vector<std::string>& ou
            bool trim_parts, bool keep_empty, bool append = false);
 bool split(const std::wstring& text, wchar_t delimiter, std::vector<std::wstring>& out,
            bool trim_parts, bool keep_empty);
+// Splits at LF; every line is trimmed and kept, empty ones included. Bytes
+// after the last LF make a last line. True when a line was stored.
 bool split_lines(const std::vector<uint8_t>& data, std::vector<std::string>& out);
 
 // ---- Numbers from text ---------------------------------------------------
+// Forms: 0x1f / x1f hexadecimal, o17 octal, decimal; parse_uint32 also reads
+// 'A' as the character's code. out is 0 on failure.
 
 bool parse_uint32(const std::string& text, uint32_t& out);
 bool parse_uint64(const std::string& text, uint64_t& out);
@@ -86,8 +98,11 @@ std::string guid_text(const uint8_t* guid);
 // Appends the same 36 characters to `out` without a temporary.
 void append_guid_text(std::string& out, const uint8_t* guid);
 // Parses "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx" into 16 bytes (Windows layout).
+// False only for a text under 22 characters; a malformed longer text (braces
+// included) gives true with the unread part of the bytes left zero.
 bool parse_guid(const std::string& text, std::vector<uint8_t>& out);
-// "S-1-5-..." or empty when the bytes can't hold the SID.
+// "S-1-5-..." or empty when the bytes can't hold the SID. Only the low byte
+// of the identifier authority is shown.
 std::string format_sid(const uint8_t* sid, uint32_t length);
 
 // ---- Scanning binary data -----------------------------------------------
@@ -96,6 +111,12 @@ struct run_position {
   uint32_t offset = 0;  // byte offset of the run's first character
   uint32_t length = 0;  // characters in the run
 };
+// Printable runs of at least `min_length` characters (`runs` and `positions`
+// are cleared first). ascii_runs: bytes 32..126, plus CR, LF and tab when
+// allowed; leading blanks (and punctuation when asked) are skipped; a run
+// ended inside the data must hold something besides blanks, CR and LF.
+// utf16_runs: the same for characters whose high byte is zero, stepping by 2
+// on a character and by 1 otherwise; offsets are in bytes.
 void ascii_runs(const uint8_t* data, uint32_t length, uint32_t min_length,
                 std::vector<std::string>& runs, std::vector<run_position>& positions,
                 bool allow_line_controls, bool skip_leading_punctuation);
@@ -103,10 +124,15 @@ void utf16_runs(const uint8_t* data, uint32_t length, uint32_t min_length,
                 std::vector<std::string>& runs, std::vector<run_position>& positions,
                 bool allow_line_controls, bool skip_leading_punctuation);
 
-// 7-bit groups, first byte most significant; a ninth byte is taken whole.
+// 7-bit groups, first byte most significant, a clear top bit ends the number;
+// a ninth byte is taken whole. False (out 0) when the data ends first.
 bool decode_varint(uint64_t& out, const uint8_t* data, size_t length);
-// Returns the bytes consumed, see the counted-number form of the template block.
+// A counted number (one byte below 0x80, else 15 bits high byte first) and that
+// many bytes of text. Returns the bytes consumed: 0 when the number can't be
+// read, only the number's bytes when the text is empty or doesn't fit.
 size_t read_counted_string(std::string& out, const uint8_t* data, size_t length);
+// A counted number of entries, then that many counted strings; `out` is sized
+// to the count and entries past the end of the data stay empty.
 size_t read_counted_strings(std::vector<std::string>& out, const uint8_t* data, size_t length);
 
 }  // namespace qv
