@@ -47,6 +47,48 @@ struct template_store {
   uint32_t trace_build = 0;
 };
 
+// ---- Parse-time objects -----------------------------------------------------
+//
+// Both loaders (the embedded block and the template text files) produce a
+// `template_source`, which lives only while one source is being loaded and is
+// then linked into the store.
+
+// One template or one provider declaration (a record with no words).
+struct template_record {
+  std::vector<uint16_t> builds;  // Windows builds of this layout; may be empty
+  std::string layout_text;       // text line only: GUID column, names and words
+  template_digest key{};         // text line only: digest of layout_text
+  qv::guid16 guid{};
+  uint16_t provider_index = 0;   // into provider_names; 0 when none
+  uint16_t range_lo = 0;         // inclusive identifier range;
+  uint16_t range_hi = 0;         //   range_hi 0 means no range
+  std::vector<uint16_t> ids;     // further event identifiers
+  std::vector<uint16_t> words;   // empty: a provider declaration only
+  std::vector<std::string> names;
+  std::vector<uint16_t> name_indices;  // the same names as indices into field_names
+  std::string line_text;         // text line only: the whole line
+  bool percent_form = false;
+};
+
+struct template_source {
+  std::vector<template_record> records;           // in source order
+  std::map<template_digest, uint32_t> by_key;     // text loader: merges equal layouts
+  std::vector<std::string> provider_names{"unk"};  // index 0 stands for "no name"
+  std::map<qv::guid16, uint32_t> name_of_guid;     // GUID -> index into provider_names
+  std::vector<std::string> field_names{""};
+  std::map<std::string, uint32_t> field_name_index;  // text loader only
+};
+
+// Empties a source: no records, provider_names {"unk"}, field_names {""}.
+void reset(template_source& source);
+
+// ---- Store -------------------------------------------------------------------
+
+// Appends the layout text of words/names (each field: its name, then its word
+// in decimal, no separators) to `out`. Missing names count as empty.
+void append_layout_text(std::string& out, const std::vector<uint16_t>& words,
+                        const std::vector<std::string>& names);
+
 // Builds `layout_text` from words and names (padding names with empty ones)
 // and hashes it into `digest`.
 void build_layout(event_template& t);
