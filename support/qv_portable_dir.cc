@@ -199,8 +199,9 @@ void list_directory(const std::string& path, const std::string& mask,
     if (f.text.empty()) continue;
     working.clear();
     // A star left inside an element isn't matched: the text before it is
-    // what gets opened.
-    const size_t star = f.text.find('*');
+    // what gets opened. Names substituted for a wildcard are real folder
+    // names, so the search starts behind them.
+    const size_t star = f.text.find('*', f.scan_from);
     read_folder(star == std::string::npos ? f.text : f.text.substr(0, star), working, 0, false,
                 unix_sep);
     for (dir_entry& e : working) {
