@@ -98,15 +98,29 @@ class time {
 };
 
 // The date test of the trace reader: `ticks` passes when it makes a valid
-// qv::time as a FILETIME (not zero, UTC year 1900 to 3000).
+// qv::time as a FILETIME (not zero, UTC year 1900 to 3000). Gives exactly the
+// answer of qv::time(ticks, type_filetime).is_valid(), from precomputed tick
+// bounds, without building the broken-down forms.
 bool is_valid_filetime(uint64_t ticks);
 
 time qv_time_now();
+// Seconds east of UTC: mktime(localtime(t)) - mktime(gmtime(t)) for the
+// moment `t` of the first call. The value is cached for the whole process, so
+// every stamp's `local_tm` is shifted by the offset in force when the run
+// started, not by the offset of the moment being converted.
 int32_t local_offset_seconds();
+// Works the cached offset out again from the present time zone setting (after
+// a change of TZ and tzset()). Returns the new offset.
+int32_t refresh_local_offset();
 uint64_t filetime_from_tm(const struct tm& tm, uint32_t milliseconds);
 bool filetime_from_systemtime(const _windows_systemtime& st, filetime_pair& out);
 // False on negative ticks (the record is then cleared).
 bool filetime_to_systemtime(uint64_t ticks, _windows_systemtime& out);
+// MS-DOS date and time words of a UTC record; both zero outside 1980..2037.
+dos_stamp_words filetime_to_dos(const _windows_systemtime& utc);
+// Local broken-down time of Unix `seconds` shifted by `hours_offset` hours.
+// Fails, with `out` cleared, for negative seconds (as a signed number), for a
+// shifted moment before 1970 and from the year 3001 on.
 bool unix_to_tm(uint64_t seconds, float hours_offset, struct tm& out);
 
 // NTP stamp: seconds since 1900 and fraction, both words big-endian in memory.
