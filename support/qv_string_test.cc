@@ -351,76 +351,50 @@ TEST(QvString, SplitAndLines) {
 }
 
 TEST(QvString, ParseNumbers) {
-  uint32_t u = 99;
-  EXPECT_TRUE(qv::parse_uint32("0x10", u));
-  EXPECT_EQ(u, 16u);
-  EXPECT_TRUE(qv::parse_uint32("x10", u));
-  EXPECT_EQ(u, 16u);
-  EXPECT_TRUE(qv::parse_uint32("0XfF", u));
-  EXPECT_EQ(u, 255u);
-  EXPECT_TRUE(qv::parse_uint32("  0x10 ", u));  // hex is tested on the trimmed text
-  EXPECT_EQ(u, 16u);
-  EXPECT_TRUE(qv::parse_uint32("o17", u));
-  EXPECT_EQ(u, 15u);
-  EXPECT_TRUE(qv::parse_uint32("'A'", u));
-  EXPECT_EQ(u, 65u);
-  EXPECT_TRUE(qv::parse_uint32("4000000000", u));
-  EXPECT_EQ(u, 4000000000u);
-  EXPECT_TRUE(qv::parse_uint32("12abc", u));  // trailing garbage is not checked
-  EXPECT_EQ(u, 12u);
-  EXPECT_TRUE(qv::parse_uint32("0x123456789", u));  // cut to 32 bits
-  EXPECT_EQ(u, 0x23456789u);
-  EXPECT_FALSE(qv::parse_uint32("abc", u));
-  EXPECT_EQ(u, 0u);
-  u = 7;
-  EXPECT_FALSE(qv::parse_uint32(" 12", u));  // decimal needs a digit first, untrimmed
-  EXPECT_EQ(u, 0u);
-  EXPECT_FALSE(qv::parse_uint32("", u));
-  EXPECT_FALSE(qv::parse_uint32("'AB'", u));
+  struct u32_case { const char* text; bool ok; uint32_t value; };
+  const u32_case u32_cases[] = {
+      {"0x10", true, 16},          {"x10", true, 16},
+      {"0XfF", true, 255},         {"  0x10 ", true, 16},  // hex tested on the trimmed text
+      {"o17", true, 15},           {"'A'", true, 65},
+      {"4000000000", true, 4000000000u},
+      {"12abc", true, 12},         // trailing garbage is not checked
+      {"0x123456789", true, 0x23456789u},  // cut to 32 bits
+      {"abc", false, 0},           {" 12", false, 0},  // decimal needs a digit first, untrimmed
+      {"", false, 0},              {"'AB'", false, 0}};
+  for (const auto& c : u32_cases) {
+    uint32_t u = 99;
+    EXPECT_EQ(qv::parse_uint32(c.text, u), c.ok) << c.text;
+    EXPECT_EQ(u, c.value) << c.text;
+  }
 
-  uint64_t v = 99;
-  EXPECT_TRUE(qv::parse_uint64("0x10", v));
-  EXPECT_EQ(v, 16u);
-  EXPECT_TRUE(qv::parse_uint64("X1f", v));
-  EXPECT_EQ(v, 31u);
-  EXPECT_TRUE(qv::parse_uint64("O17", v));
-  EXPECT_EQ(v, 15u);
-  EXPECT_TRUE(qv::parse_uint64("   42", v));
-  EXPECT_EQ(v, 42u);
-  EXPECT_TRUE(qv::parse_uint64("18446744073709551615", v));
-  EXPECT_EQ(v, 18446744073709551615ull);
-  EXPECT_TRUE(qv::parse_uint64("0xFFFFFFFFFFFFFFFF", v));  // 16 digits
-  EXPECT_EQ(v, 18446744073709551615ull);
-  EXPECT_FALSE(qv::parse_uint64("0x1FFFFFFFFFFFFFFFF", v));  // 17 digits
-  EXPECT_EQ(v, 0u);
-  EXPECT_FALSE(qv::parse_uint64("123456789012345678901", v));  // 21 characters
-  EXPECT_FALSE(qv::parse_uint64("o12345670123456701234567", v));  // 23 octal digits
-  EXPECT_FALSE(qv::parse_uint64("42 ", v));
-  EXPECT_FALSE(qv::parse_uint64("4 2", v));
-  EXPECT_FALSE(qv::parse_uint64("", v));
-  EXPECT_FALSE(qv::parse_uint64("    ", v));
-  EXPECT_FALSE(qv::parse_uint64(std::string(25, ' ') + "123456", v));  // 31 in all
-  // Not a number: the stream fails, out stays 0 and the call succeeds.
-  v = 5;
-  EXPECT_TRUE(qv::parse_uint64("abc", v));
-  EXPECT_EQ(v, 0u);
-  EXPECT_TRUE(qv::parse_uint64("99999999999999999999", v));  // overflows 64 bits
-  EXPECT_EQ(v, 0u);
+  struct u64_case { std::string text; bool ok; uint64_t value; };
+  const u64_case u64_cases[] = {
+      {"0x10", true, 16},  {"X1f", true, 31},  {"O17", true, 15},  {"   42", true, 42},
+      {"18446744073709551615", true, 18446744073709551615ull},
+      {"0xFFFFFFFFFFFFFFFF", true, 18446744073709551615ull},  // 16 digits
+      {"0x1FFFFFFFFFFFFFFFF", false, 0},                     // 17 digits
+      {"123456789012345678901", false, 0},                   // 21 characters
+      {"o12345670123456701234567", false, 0},                // 23 octal digits
+      {"42 ", false, 0},  {"4 2", false, 0},  {"", false, 0},  {"    ", false, 0},
+      {std::string(25, ' ') + "123456", false, 0},           // 31 in all
+      // Not a number or out of range: the stream fails, out 0, still true.
+      {"abc", true, 0},  {"99999999999999999999", true, 0}};
+  for (const auto& c : u64_cases) {
+    uint64_t v = 99;
+    EXPECT_EQ(qv::parse_uint64(c.text, v), c.ok) << c.text;
+    EXPECT_EQ(v, c.value) << c.text;
+  }
 
-  int32_t i = 99;
-  EXPECT_TRUE(qv::parse_int32(" -5 ", i));
-  EXPECT_EQ(i, -5);
-  EXPECT_TRUE(qv::parse_int32("+12", i));
-  EXPECT_EQ(i, 12);
-  EXPECT_TRUE(qv::parse_int32("0X10", i));
-  EXPECT_EQ(i, 16);
-  EXPECT_TRUE(qv::parse_int32("0xFFFFFFFF", i));
-  EXPECT_EQ(i, -1);
-  EXPECT_TRUE(qv::parse_int32("o17", i));
-  EXPECT_EQ(i, 15);
-  EXPECT_FALSE(qv::parse_int32("abc", i));
-  EXPECT_EQ(i, 0);
-  EXPECT_FALSE(qv::parse_int32("   ", i));
+  struct i32_case { const char* text; bool ok; int32_t value; };
+  const i32_case i32_cases[] = {{" -5 ", true, -5},       {"+12", true, 12},
+                                {"0X10", true, 16},       {"0xFFFFFFFF", true, -1},
+                                {"o17", true, 15},        {"abc", false, 0},
+                                {"   ", false, 0}};
+  for (const auto& c : i32_cases) {
+    int32_t i = 99;
+    EXPECT_EQ(qv::parse_int32(c.text, i), c.ok) << c.text;
+    EXPECT_EQ(i, c.value) << c.text;
+  }
 }
 
 TEST(QvString, GuidTextAndParse) {
