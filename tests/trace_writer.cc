@@ -1,0 +1,394 @@
+#include "tests/trace_writer.h"
+
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+namespace tw {
+namespace {
+
+void put16(bytes& b, size_t off, uint16_t v) {
+  if (b.size() < off + 2) b.resize(off + 2);
+  b[off] = uint8_t(v);
+  b[off + 1] = uint8_t(v >> 8);
+}
+void put32(bytes& b, size_t off, uint32_t v) {
+  if (b.size() < off + 4) b.resize(off + 4);
+  for (int i = 0; i < 4; ++i) b[off + i] = uint8_t(v >> (8 * i));
+}
+void put64(bytes& b, size_t off, uint64_t v) {
+  if (b.size() < off + 8) b.resize(off + 8);
+  for (int i = 0; i < 8; ++i) b[off + i] = uint8_t(v >> (8 * i));
+}
+void put_bytes(bytes& b, size_t off, const uint8_t* p, size_t n) {
+  if (b.size() < off + n) b.resize(off + n);
+  if (n) std::memcpy(b.data() + off, p, n);
+}
+void put_guid(bytes& b, size_t off, const guid& g) { put_bytes(b, off, g.data(), 16); }
+
+int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Appends the extended items and payload behind a header of `header_len`
+// bytes and sets the record's size field.
+bytes finish_record(bytes rec, const event_spec& e, size_t size_field_offset) {
+  rec.insert(rec.end(), e.extended.begin(), e.extended.end());
+  rec.insert(rec.end(), e.payload.begin(), e.payload.end());
+  if (rec.size() > 0xFFFF) throw std::length_error("record larger than 65535 bytes");
+  put16(rec, size_field_offset, uint16_t(rec.size()));
+  return rec;
+}
+
+}  // namespace
+
+guid guid_from_text(const std::string& text) {
+  std::string hex;
+  for (char c : text)
+    if (hex_value(c) >= 0) hex += c;
+  if (hex.size() != 32) throw std::invalid_argument("bad GUID text: " + text);
+  uint8_t raw[16];
+  for (int i = 0; i < 16; ++i) raw[i] = uint8_t(hex_value(hex[2 * i]) * 16 + hex_value(hex[2 * i + 1]));
+  // Data1 and the two 16-bit words are little-endian in the binary layout.
+  guid g{};
+  g[0] = raw[3]; g[1] = raw[2]; g[2] = raw[1]; g[3] = raw[0];
+  g[4] = raw[5]; g[5] = raw[4];
+  g[6] = raw[7]; g[7] = raw[6];
+  for (int i = 8; i < 16; ++i) g[i] = raw[i];
+  return g;
+}
+
+bytes utf16(const std::string& text) {
+  bytes out;
+  for (size_t i = 0; i < text.size();) {
+    uint32_t c = uint8_t(text[i]);
+    size_t n = 1;
+    if (c >= 0xE0 && i + 2 < text.size()) {
+      c = ((c & 0x0F) << 12) | ((uint8_t(text[i + 1]) & 0x3F) << 6) | (uint8_t(text[i + 2]) & 0x3F);
+      n = 3;
+    } else if (c >= 0xC0 && i + 1 < text.size()) {
+      c = ((c & 0x1F) << 6) | (uint8_t(text[i + 1]) & 0x3F);
+      n = 2;
+    }
+    out.push_back(uint8_t(c));
+    out.push_back(uint8_t(c >> 8));
+    i += n;
+  }
+  return out;
+}
+
+bytes event_header_record(const event_spec& e, bool kind7) {
+  bytes r(80, 0);
+  put16(r, 2, kind7 ? 0xC013 : 0xC012);
+  uint16_t flags = e.flags;
+  if (!e.extended.empty()) flags |= 1;
+  put16(r, 4, flags);
+  put16(r, 6, e.event_property);
+  put32(r, 8, e.thread_id);
+  put32(r, 12, e.process_id);
+  put64(r, 16, e.time);
+  put_guid(r, 24, e.provider);
+  put16(r, 40, e.id);
+  r[42] = e.version;
+  r[43] = e.channel;
+  r[44] = e.level;
+  r[45] = e.opcode;
+  put16(r, 46, e.task);
+  put64(r, 48, e.keyword);
+  put64(r, 56, e.time_word);
+  put_guid(r, 64, e.activity);
+  return finish_record(std::move(r), e, 0);
+}
+
+bytes full_header_record(const event_spec& e) {
+  bytes r(48, 0);
+  put16(r, 2, 0xC00A);
+  put16(r, 4, e.flags);
+  put16(r, 6, e.event_property);
+  put32(r, 8, e.thread_id);
+  put32(r, 12, e.process_id);
+  put64(r, 16, e.time);
+  put_guid(r, 24, e.provider);
+  put16(r, 40, e.id);
+  r[42] = e.version;
+  r[43] = e.channel;
+  r[44] = e.level;
+  r[45] = e.opcode;
+  put16(r, 46, e.task);
+  return finish_record(std::move(r), e, 0);
+}
+
+bytes system_header_record(const event_spec& e) {
+  bytes r(32, 0);
+  put16(r, 0, e.class_version);
+  put16(r, 2, 0xC002);
+  put16(r, 6, e.id);
+  put32(r, 8, e.thread_id);
+  put32(r, 12, e.process_id);
+  put64(r, 16, e.time);
+  put64(r, 24, e.time_word);
+  return finish_record(std::move(r), e, 4);
+}
+
+bytes compact_header_record(const event_spec& e) {
+  bytes r(16, 0);
+  put16(r, 0, e.class_version);
+  put16(r, 2, 0xC011);
+  put16(r, 6, e.id);
+  put64(r, 8, e.time);
+  return finish_record(std::move(r), e, 4);
+}
+
+bytes instance_header_record(const event_spec& e, bool kind2) {
+  const size_t shift = kind2 ? 4 : 0;
+  bytes r(40 + shift, 0);
+  put16(r, 2, 0x9000);
+  put16(r, 4, e.id);
+  put_guid(r, 8 + shift, e.provider);
+  put64(r, 24 + shift, e.time);
+  put32(r, 32 + shift, e.thread_id);
+  put32(r, 36 + shift, e.process_id);
+  return finish_record(std::move(r), e, 0);
+}
+
+bytes other_header_record(const event_spec& e, uint16_t header_type) {
+  bytes r(8, 0);
+  put16(r, 0, e.class_version);
+  put16(r, 2, header_type);
+  put16(r, 6, e.id);
+  return finish_record(std::move(r), e, 4);
+}
+
+bytes extended_item(uint16_t ext_type, const bytes& data, bool more) {
+  bytes r(8, 0);
+  r.insert(r.end(), data.begin(), data.end());
+  put16(r, 0, uint16_t(r.size()));
+  put16(r, 2, ext_type);
+  put16(r, 4, more ? 1 : 0);
+  put16(r, 6, uint16_t(data.size()));
+  return r;
+}
+
+bytes tracelogging_schema(const std::string& event_name,
+                          const std::vector<std::pair<std::string, uint8_t>>& fields) {
+  bytes r(2, 0);
+  r.push_back(0);  // one tag byte, no continuation
+  r.insert(r.end(), event_name.begin(), event_name.end());
+  r.push_back(0);
+  for (const auto& [name, type] : fields) {
+    r.insert(r.end(), name.begin(), name.end());
+    r.push_back(0);
+    r.push_back(type);
+  }
+  put16(r, 0, uint16_t(r.size()));
+  return r;
+}
+
+void etl_writer::log_header(const log_header_spec& s) {
+  const bool wide = s.pointer_size == 8;
+  const size_t names_at = wide ? 384 : 376;
+  bytes b(names_at, 0);
+  bytes logger = utf16(s.logger_name);
+  bytes file = utf16(s.log_file_name);
+  put_bytes(b, names_at, logger.data(), logger.size());
+  put16(b, names_at + logger.size(), 0);
+  size_t file_at = names_at + logger.size() + 2;
+  put_bytes(b, file_at, file.data(), file.size());
+  put16(b, file_at + file.size(), 0);
+  const size_t record_end = file_at + file.size() + 2;
+
+  // WMI_BUFFER_HEADER of the log header buffer.
+  put32(b, 0, s.buffer_size);
+  put32(b, 4, uint32_t(record_end));
+  put32(b, 8, uint32_t(record_end));
+  put64(b, 16, s.system_time);
+  put16(b, 42, 1);
+  put32(b, 48, uint32_t(record_end));
+  // The system header of the log header event.
+  put16(b, 72, 2);
+  put16(b, 74, 0xC002);
+  put16(b, 76, s.record_size ? s.record_size : uint16_t(record_end - 72));
+  put16(b, 78, 0);
+  put32(b, 80, s.thread_id);
+  put32(b, 84, s.process_id);
+  put64(b, 88, s.system_time);
+  put64(b, 96, s.kernel_user_time);
+  // TRACE_LOGFILE_HEADER.
+  put32(b, 104, s.buffer_size);
+  put32(b, 108, s.version);
+  put32(b, 112, s.provider_version);
+  put32(b, 116, s.number_of_processors);
+  put64(b, 120, s.end_time);
+  put32(b, 128, s.timer_resolution);
+  put32(b, 132, s.maximum_file_size);
+  put32(b, 136, s.log_file_mode);
+  put32(b, 140, s.buffers_written);
+  put32(b, 144, 0);
+  put32(b, 148, s.pointer_size);
+  put32(b, 152, s.events_lost);
+  put32(b, 156, s.cpu_mhz);
+  const size_t bias_at = wide ? 176 : 168;
+  put32(b, bias_at, s.bias);
+  bytes std_name = utf16(s.standard_name);
+  put_bytes(b, bias_at + 4, std_name.data(), std::min<size_t>(std_name.size(), 62));
+  bytes dl_name = utf16(s.daylight_name);
+  put_bytes(b, bias_at + 88, dl_name.data(), std::min<size_t>(dl_name.size(), 62));
+  put32(b, bias_at + 168, s.daylight_bias);
+  put64(b, bias_at + 176, s.boot_time);
+  put64(b, bias_at + 184, s.perf_freq);
+  put64(b, bias_at + 192, s.start_time);
+  put32(b, bias_at + 200, s.clock);
+  put32(b, bias_at + 204, 0);
+
+  if (b.size() < s.buffer_size) b.resize(s.buffer_size, 0);
+  append(b);
+  buffer_size_ = s.buffer_size;
+}
+
+void etl_writer::rlfs_first_block(uint64_t timestamp, uint64_t start_word24, uint32_t block_length,
+                                  uint32_t walk_start) {
+  bytes b(std::max<uint32_t>(block_length, 72), 0);
+  std::memcpy(b.data(), "RlFs", 4);
+  put32(b, 4, block_length);
+  put64(b, 16, timestamp);
+  put64(b, 24, start_word24);
+  put32(b, 40, walk_start);
+  put64(b, 48, block_length);
+  append(b);
+}
+
+void etl_writer::zero_first_block() { out_.resize(out_.size() + 72, 0); }
+
+size_t etl_writer::add_buffer(const std::vector<bytes>& records, buffer_spec s) {
+  bytes b(72, 0);
+  for (const bytes& r : records) {
+    b.insert(b.end(), r.begin(), r.end());
+    b.resize((b.size() + 7) & ~size_t(7), 0);
+  }
+  const uint32_t used = uint32_t(b.size());
+  const uint32_t size = s.buffer_size == buffer_spec::kAuto ? std::max(buffer_size_, used) : s.buffer_size;
+  if (size > used) b.resize(size, s.fill);
+  put32(b, 0, size);
+  put32(b, 4, s.saved_offset == buffer_spec::kAuto ? used : s.saved_offset);
+  put32(b, 8, s.current_offset == buffer_spec::kAuto ? used : s.current_offset);
+  put64(b, 16, s.timestamp);
+  put64(b, 24, s.sequence);
+  b[40] = s.processor;
+  b[41] = s.alignment;
+  put16(b, 42, s.logger_id);
+  put32(b, 48, s.offset == buffer_spec::kAuto ? used : s.offset);
+  put16(b, 52, s.buffer_flag);
+  put16(b, 54, s.buffer_type);
+  put32(b, 60, s.pointer_word);
+  const size_t at = out_.size();
+  // A buffer whose stated size is below its content keeps the content whole.
+  append(b);
+  return at;
+}
+
+size_t etl_writer::add_rlfs_buffer(const std::vector<bytes>& records, uint32_t buffer_size,
+                                   uint64_t timestamp, uint8_t processor) {
+  bytes b(72, 0);
+  for (const bytes& r : records) {
+    b.insert(b.end(), r.begin(), r.end());
+    b.resize((b.size() + 7) & ~size_t(7), 0);
+  }
+  const uint32_t used = uint32_t(b.size());
+  if (buffer_size > used) b.resize(buffer_size, 0);
+  std::memcpy(b.data(), "RlFs", 4);
+  put32(b, 4, buffer_size);
+  put64(b, 16, timestamp);
+  b[40] = processor;
+  put16(b, 42, 1);
+  put32(b, 48, used);
+  const size_t at = out_.size();
+  append(b);
+  return at;
+}
+
+void etl_writer::patch_u32(size_t offset, uint32_t value) {
+  if (offset + 4 <= out_.size()) put32(out_, offset, value);
+}
+void etl_writer::patch_u16(size_t offset, uint16_t value) {
+  if (offset + 2 <= out_.size()) put16(out_, offset, value);
+}
+void etl_writer::zero_fill(size_t offset, size_t length) {
+  for (size_t i = offset; i < offset + length && i < out_.size(); ++i) out_[i] = 0;
+}
+void etl_writer::truncate(size_t length) {
+  if (length < out_.size()) out_.resize(length);
+}
+
+bool etl_writer::write_file(const std::string& path) const {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return false;
+  bool ok = std::fwrite(out_.data(), 1, out_.size(), f) == out_.size();
+  return std::fclose(f) == 0 && ok;
+}
+
+bytes sample_trace() {
+  // A QPC-clocked trace of a 64-bit machine: the wall clock of raw zero is
+  // the start time less SystemTime / 1e7 * 1e7 ticks.
+  log_header_spec h;
+  h.buffer_size = 8192;
+  h.clock = clock_qpc;
+  h.perf_freq = 10000000;                  // one raw tick = 100 ns
+  h.system_time = 1000000000;              // raw counter at the start
+  h.start_time = 134170743671234567ull;    // 2026-03-04 05:06:07.1234567 UTC
+  h.end_time = 134170744671234567ull;
+  h.boot_time = 134170700000000000ull;
+  h.provider_version = 19045;
+  h.logger_name = "Sample Session";
+  h.log_file_name = "c:\\logs\\a.etl";
+  etl_writer w;
+  w.log_header(h);
+
+  const guid acme = guid_from_text("5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b");
+  event_spec e;
+  e.provider = acme;
+  e.id = 42;
+  e.time = 1000000000;
+  e.process_id = 0xa3c;
+  e.thread_id = 0x1b34;
+  e.level = 4;
+  e.opcode = 1;
+  e.task = 7;
+  e.keyword = 0x8000000000000010ull;
+  e.payload = {0x3c, 0x0a, 0, 0, 'a', '.', 'e', 'x', 'e', 0};
+
+  event_spec proc;  // a classic process start (group 3, type 1)
+  proc.id = 0x0301;
+  proc.class_version = 4;
+  proc.time = 1000100000;
+  proc.thread_id = 0x44;
+  proc.process_id = 0x4;
+  proc.payload = {0x10, 0x20, 0, 0, 0x3c, 0x0a, 0, 0, 'c', 'm', 'd', '.', 'e', 'x', 'e', 0};
+
+  event_spec tl;  // a TraceLogging event with its schema in an extended item
+  tl.provider = guid_from_text("2a576b87-09a7-520e-c21a-4942f0271d67");
+  tl.id = 0;
+  tl.time = 1000200000;
+  tl.process_id = 0x990;
+  tl.thread_id = 0x991;
+  tl.extended = extended_item(11, tracelogging_schema("TestEvent", {{"b", 2}, {"c", 2}}), false);
+  tl.payload = {'H', 'e', 'l', 'l', 'o', 0, 'W', 'o', 'r', 'l', 'd', '!', 0};
+
+  buffer_spec bs;
+  bs.timestamp = 1000300000;
+  bs.processor = 3;
+  w.add_buffer({event_header_record(e), system_header_record(proc), event_header_record(tl)}, bs);
+
+  event_spec e2 = e;
+  e2.time = 1000400000;
+  e2.payload = {0x01, 0x02, 0x03, 0x04, 'n', 'o', 't', 'e', 'p', 'a', 'd', '.', 'e', 'x', 'e', 0};
+  bs.timestamp = 1000500000;
+  bs.processor = 1;
+  bs.sequence = 1;
+  w.add_buffer({event_header_record(e2, true)}, bs);
+  return w.data();
+}
+
+}  // namespace tw

@@ -1,0 +1,207 @@
+#include "trace/file_walk.h"
+
+#include <algorithm>
+#include <sstream>
+#include <vector>
+
+#include "report/event_row.h"
+#include "run/options.h"
+#include "support/byte_reader.h"
+#include "support/console.h"
+#include "support/limits.h"
+#include "support/uni_fileio.h"
+#include "trace/buffer_header.h"
+#include "trace/trace_engine.h"
+#include "trace/trace_stats.h"
+#include "trace/xpress.h"
+
+using qv::rd_u16;
+using qv::rd_u32;
+using qv::rd_u64;
+
+namespace {
+
+const char kNotAvailable[] = "<not available>";
+
+// The buffer flag of a buffer whose records are compressed.
+constexpr uint16_t kBufferCompressed = 0x0040;
+
+// Reads `want` bytes at `pos`, but never more than the largest buffer the
+// reader holds at once; the walk still steps by the full size.
+bool read_capped(uni::fileio& file, std::vector<uint8_t>& buf, uint64_t want, uint64_t pos) {
+  if (want > qv::limits::kMaxBufferRead) want = qv::limits::kMaxBufferRead;
+  return file.read_block(buf, want, pos) && !buf.empty();
+}
+
+// A compressed buffer of a regular file becomes an ordinary one in `out`: its
+// header, with the size set to what it holds and the compressed flag
+// cleared, and the records. False when the stream is damaged.
+bool expand_buffer(const std::vector<uint8_t>& in, uint32_t largest, std::vector<uint8_t>& out) {
+  const uint32_t offset = rd_u32(in.data(), in.size(), 48);
+  const uint32_t stored = rd_u32(in.data(), in.size(), 0);
+  if (offset < kBufferHeaderSize || offset > largest || stored < kBufferHeaderSize) return false;
+  const size_t stream_size = std::min<size_t>(stored, in.size()) - kBufferHeaderSize;
+  out.resize(offset);
+  std::copy(in.begin(), in.begin() + kBufferHeaderSize, out.begin());
+  size_t produced = 0;
+  if (!xpress_decompress(in.data() + kBufferHeaderSize, stream_size, out.data() + kBufferHeaderSize,
+                         offset - kBufferHeaderSize, produced) ||
+      produced != offset - kBufferHeaderSize)
+    return false;
+  qv::wr_u32(out.data(), offset);
+  qv::wr_u16(out.data() + 52, static_cast<uint16_t>(rd_u16(out.data(), out.size(), 52) & ~kBufferCompressed));
+  return true;
+}
+
+}  // namespace
+
+bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts& opts) {
+  if (!file.is_open()) return false;
+  trace_engine& engine = opts.engine;
+  const uint64_t file_size = file.file_size();
+  if (file_size < kFirstProbeSize) return false;
+
+  std::vector<uint8_t> block;
+  if (!file.read_block(block, kFirstProbeSize, 0) || block.size() < kFirstProbeSize) return false;
+
+  if (opts.pull_guid_on && !opts.subset_file) {
+    auto out = std::make_unique<uni::fileio>();
+    if (out->open(opts.results_path, true, true, true)) opts.subset_file = std::move(out);
+  }
+
+  const bool pulling = opts.pull_guid_on;
+  const bool listing = opts.list_guids || opts.list_stats;
+  engine.decode_enabled = !pulling && !listing;
+  engine.subset_enabled = pulling && opts.subset_file != nullptr;
+  engine.subset_guid = opts.pull_guid;
+
+  std::ostringstream held;  // the column line and header row, printed behind the preamble
+  uint32_t first_block_size = 0;
+  bool is_rlfs = false;
+  bool is_headerless = false;
+  uint32_t largest_buffer = 0;
+  if (is_logfile_buffer(block.data(), file_size)) {
+    const uint32_t buffer_size = rd_u32(block.data(), block.size(), 0);
+    // The whole first block, and at least the probe, for the header's fields.
+    if (!read_capped(file, block, std::max<uint32_t>(buffer_size, kFirstProbeSize), 0)) return false;
+    first_block_size = buffer_size;
+    largest_buffer = buffer_size;
+    if (opts.subset_file) {
+      opts.subset_file->write_at(block.data(), std::min<uint32_t>(buffer_size, static_cast<uint32_t>(block.size())), 0);
+      opts.subset_pos = buffer_size;
+    }
+    if (!open_with_log_header(engine, block.data(), block.size())) return false;
+    opts.session_name = engine.logger_name.empty() ? kNotAvailable : engine.logger_name;
+    opts.orig_source_path = engine.log_file_name.empty() ? kNotAvailable : engine.log_file_name;
+    write_header_info_row(engine.header, held, opts);
+  } else if (is_rlfs_buffer(block.data(), file_size)) {
+    is_rlfs = true;
+    const uint64_t length = rd_u64(block.data(), block.size(), 48);
+    if (length > block.size() && !read_capped(file, block, static_cast<uint32_t>(length), 0)) return false;
+    const uint32_t walk_start = rd_u32(block.data(), block.size(), 40);
+    if (opts.subset_file) {
+      opts.subset_file->write_at(block.data(), static_cast<uint32_t>(std::min<uint64_t>(length, block.size())), 0);
+      opts.subset_pos = walk_start;
+    }
+    open_with_first_buffer(engine, block.data(), block.size());
+    opts.session_name = kNotAvailable;
+    opts.orig_source_path = kNotAvailable;
+    first_block_size = walk_start;
+    write_short_header_row(engine.first_block, held, opts);
+  } else {
+    if (!is_zero_block(block.data(), block.size())) return false;
+    is_headerless = true;
+    if (opts.subset_file) {
+      const uint8_t zeros[kBufferHeaderSize] = {};
+      opts.subset_file->write_at(zeros, kBufferHeaderSize, 0);
+      opts.subset_pos = kBufferHeaderSize;
+    }
+    first_block_size = kBufferHeaderSize;
+    opts.session_name = kNotAvailable;
+    opts.orig_source_path = kNotAvailable;
+    write_short_header_row(engine.first_block, held, opts);
+  }
+
+  if (!pulling) {
+    std::string head = "---------------------\nfile: " + opts.current_file + "\n";
+    if (!listing) {
+      head += "orig source path: " + opts.orig_source_path + "\n";
+      head += held.str();
+    } else {
+      head += "\n";
+    }
+    report_out.write(head.data(), static_cast<std::streamsize>(head.size()));
+  }
+
+  // The buffer loop.
+  std::vector<uint8_t> buffer;
+  std::vector<uint8_t> expanded;
+  uint64_t pos = first_block_size;
+  uint32_t buffer_size = 0;  // kept from one pass to the next on purpose
+  uint32_t buffer_count = 0;
+  const bool size_at_4 = is_rlfs || is_headerless;
+  for (;;) {
+    if (pos >= file_size) break;
+    if (!file.read_block(buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) break;
+    buffer_size = rd_u32(buffer.data(), buffer.size(), size_at_4 ? 4 : 0);
+    if (buffer_size == 0 || static_cast<uint64_t>(buffer_size) + pos > file_size) {
+      if (buffer_size != 0 || !size_at_4) {
+        // Zero-sized or running past the end: the rest of the file is one
+        // buffer, if enough of it is left to hold one.
+        if (pos + 512 >= file_size) break;
+        buffer_size = static_cast<uint32_t>(std::min<uint64_t>(file_size - pos, UINT32_MAX));
+      } else {
+        // A zero size in an "RlFs" or headerless file: scan on in steps of
+        // 72 bytes for a header. A zero size that leaves the scan ends the
+        // walk at the read below.
+        bool stop = false;
+        for (;;) {
+          if (is_buffer_header(buffer.data(), file_size - pos, false)) break;
+          if (!is_buffer_header(buffer.data(), file_size - pos, true)) { stop = true; break; }
+          pos += kBufferHeaderSize;
+          if (pos > file_size) { stop = true; break; }
+          if (!file.read_block(buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) {
+            stop = true;
+            break;
+          }
+        }
+        if (stop) break;
+      }
+    }
+    if (buffer_size == 0) break;  // the read of zero bytes fails
+    if (!read_capped(file, buffer, buffer_size, pos)) break;
+    if (opts.show_status) {
+      ++buffer_count;
+      qv::status_line("processing buffer %2d", buffer_count);
+    }
+
+    const std::vector<uint8_t>* data = &buffer;
+    bool refused = false;
+    if (!size_at_4 && buffer.size() >= kBufferHeaderSize &&
+        (rd_u16(buffer.data(), buffer.size(), 52) & kBufferCompressed)) {
+      if (expand_buffer(buffer, std::max<uint32_t>(largest_buffer, kBufferHeaderSize), expanded)) {
+        data = &expanded;
+      } else {
+        refused = true;  // a damaged compressed buffer is passed over
+      }
+    }
+    if (!refused) read_buffer(engine, data->data(), data->size(), pos);
+
+    if (pulling && opts.subset_file && !refused)
+      write_subset_buffer(opts, data->data(), static_cast<uint32_t>(data->size()), pos, size_at_4);
+    if (!pulling && !listing) emit_rows(engine, report_out, opts);
+    else discard_rows(engine);
+    pos += buffer_size;
+  }
+
+  if (pulling) {
+    discard_rows(engine);
+  } else if (opts.list_stats) {
+    print_statistics(report_out, opts);
+  } else if (opts.list_guids) {
+    print_provider_list(report_out, opts);
+  } else {
+    emit_rows(engine, report_out, opts);
+  }
+  return true;
+}

@@ -1,0 +1,93 @@
+#include "trace/trace_stats.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "run/options.h"
+#include "support/byte_reader.h"
+#include "support/limits.h"
+#include "support/qv_string.h"
+#include "trace/buffer_header.h"
+
+namespace {
+
+// "guid : name" for each provider of the file.
+std::string provider_line(const trace_engine& engine, const qv::guid16& guid) {
+  std::string line = qv::guid_text(guid.data());
+  line += " : ";
+  line += provider_name_of(engine.store, guid);
+  line += '\n';
+  return line;
+}
+
+}  // namespace
+
+void print_provider_list(std::ostream& out, quon_user_opts& opts) {
+  std::string text;
+  for (const qv::guid16& g : opts.engine.stats.provider_set) text += provider_line(opts.engine, g);
+  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+void print_statistics(std::ostream& out, quon_user_opts& opts) {
+  const trace_engine& engine = opts.engine;
+  std::string text;
+  char line[64];
+  for (const qv::guid16& g : engine.stats.provider_set) {
+    text += provider_line(engine, g);
+    auto counts = engine.stats.event_counts.find(g);
+    if (counts == engine.stats.event_counts.end()) continue;
+    std::snprintf(line, sizeof line, "%8s | %10s\n", "event id", "occurances");
+    text += line;
+    for (const auto& [id, count] : counts->second) {
+      std::snprintf(line, sizeof line, "%8u | %10llu\n", static_cast<unsigned>(id),
+                    static_cast<unsigned long long>(count));
+      text += line;
+    }
+    text += '\n';
+  }
+  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+bool write_subset_buffer(quon_user_opts& opts, const uint8_t* buffer, uint32_t buffer_size,
+                         uint64_t pos, bool is_rlfs_or_headerless) {
+  trace_indexes& stats = opts.engine.stats;
+  auto range = stats.subset_index.equal_range(opts.pull_guid);
+  if (range.first == range.second) return true;  // this buffer is left out
+  if (!opts.subset_file || buffer_size < kBufferHeaderSize) {
+    stats.subset_index.clear();
+    return false;
+  }
+
+  // The buffer is padded to a multiple of 4096 bytes; 0xFF fills what the
+  // provider's records leave.
+  const uint64_t padded = (static_cast<uint64_t>(buffer_size) + 4095) / 4096 * 4096;
+  std::vector<uint8_t> work(static_cast<size_t>(padded), 0xFF);
+  std::copy(buffer, buffer + kBufferHeaderSize, work.begin());
+  uint64_t used = kBufferHeaderSize;
+  for (auto it = range.first; it != range.second; ++it) {
+    const uint64_t relative = it->second - pos;
+    auto size_it = stats.record_sizes.find(it->second);
+    if (size_it == stats.record_sizes.end()) continue;
+    const uint64_t length = (static_cast<uint64_t>(size_it->second) + 7) / 8 * 8;
+    if (relative >= buffer_size || length > buffer_size - relative || length > padded - used) continue;
+    std::copy(buffer + relative, buffer + relative + length, work.begin() + static_cast<std::ptrdiff_t>(used));
+    used += length;
+  }
+  stats.subset_index.clear();
+
+  uint8_t* header = work.data();
+  if (is_rlfs_or_headerless) {
+    qv::wr_u32(header + 48, static_cast<uint32_t>(used));
+    qv::wr_u32(header + 4, static_cast<uint32_t>(padded));
+  } else {
+    qv::wr_u32(header + 4, static_cast<uint32_t>(used));
+    qv::wr_u32(header + 48, static_cast<uint32_t>(used));
+    qv::wr_u32(header + 8, static_cast<uint32_t>(used));
+    qv::wr_u32(header + 0, static_cast<uint32_t>(padded));
+  }
+  const bool ok = opts.subset_file->write_at(work.data(), static_cast<uint32_t>(padded), opts.subset_pos);
+  opts.subset_pos += padded;
+  return ok;
+}
