@@ -100,16 +100,24 @@ class fileio {
   fileio(const fileio&) = delete;
   fileio& operator=(const fileio&) = delete;
 
+  // Trailing "/" and "\" are dropped from the name. Reads are O_RDONLY;
+  // `writable` is O_RDWR, with `create` also O_CREAT | O_TRUNC (mode 0606
+  // before the umask). FIFOs and sockets are refused. The constructors open
+  // as if `create` were set.
   bool open(const std::string& path, bool writable, bool line_flag, bool create);
   bool open(const std::wstring& path, bool writable, bool line_flag, bool create);
   void close();
   bool is_open() const { return fd != -1 && opened; }
   uint64_t file_size() const { return is_open() ? static_cast<uint64_t>(size) : 0; }
+  // Measures the length anew; a /proc pseudo-file that can't seek to its end
+  // counts as 262144 bytes.
   int64_t query_size();
 
-  // Reads up to `length` bytes at `offset`; see the short-read rules: a short
-  // read shrinks `out` to the bytes read, a read of nothing keeps `out` at its
-  // full zero-filled length, and both succeed.
+  // Reads up to `length` bytes at `offset` (cut at the end of the file; a
+  // single block stays below 4 GiB). Fails when `offset` is at or past the
+  // end. A short read shrinks `out` to the bytes read, a read of nothing
+  // keeps `out` at its full length, zero-filled, and both succeed. A vector
+  // that already has the size is reused.
   bool read_block(std::vector<uint8_t>& out, uint64_t length, uint64_t offset);
   bool write_at(const void* data, uint32_t length, uint64_t offset);
   bool append(const std::vector<uint8_t>& data);
