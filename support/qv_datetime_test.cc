@@ -307,4 +307,35 @@ TEST(QvDatetime, ParseDateTimeText) {
   EXPECT_EQ((uint64_t{p.dwHighDateTime} << 32) | p.dwLowDateTime, 133497831030000000ULL);
 }
 
+// Arbitrary texts: no trap, and an accepted date respects its limits.
+TEST(QvDatetime, ArbitraryTexts) {
+  const char alphabet[] = "0123456789/-: .,apmxydhsAPMX\t";
+  uint64_t state = 99;
+  auto next = [&] {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    return static_cast<uint32_t>(state >> 33);
+  };
+  const qv::time t(kStamp, qv::type_filetime);
+  for (int i = 0; i < 20000; ++i) {
+    std::string a, b;
+    for (uint32_t n = next() % 24; n > 0; --n) a += alphabet[next() % (sizeof(alphabet) - 1)];
+    for (uint32_t n = next() % 24; n > 0; --n) b += alphabet[next() % (sizeof(alphabet) - 1)];
+    uint32_t d = 0, m = 0, y = 0;
+    if (qv::parse_date_text(a, "DMY", '/', d, m, y)) {
+      EXPECT_LE(m, 12u);
+      EXPECT_LE(d, 31u);
+    }
+    double h = 0, mi = 0, s = 0;
+    qv::parse_time_text(b, h, mi, s);
+    qv::_windows_systemtime st;
+    qv::parse_date_time_text(a, b, "YMD", '-', st);
+    qv::datetime_format f;
+    qv::parse_datetime_format(f, a, b, (i & 1) != 0);
+    std::string ds, ts;
+    qv::format_datetime(ds, ts, t, f);
+    EXPECT_LE(ds.size(), 11u);
+    EXPECT_LE(ts.size(), 18u);
+  }
+}
+
 }  // namespace

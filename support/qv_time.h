@@ -63,9 +63,19 @@ struct dos_stamp_words {
 class time {
  public:
   time();
+  // Kinds 1, 2, 4, 8, 16, 2048, 32768, 131072, 262144, 524288; any other
+  // kind leaves the object cleared. Pass a uint64_t or int64_t: a plain
+  // literal such as 5ULL matches no overload better than the others.
   time(uint64_t value, type_time kind);
+  // The same kinds with signed arithmetic, but 256 (OLE days) instead of
+  // 32768 (.NET ticks).
   time(int64_t value, type_time kind);
+  // Fractional values as databases keep them: kinds 256, 262144, 8 and 16
+  // (the last read as seconds, like 8). Non-finite or out-of-range values
+  // leave the object cleared.
   time(double value, type_time kind);
+  // Through the C struct tm conversion of filetime_from_tm, with its leap
+  // rule on the years since 1900.
   explicit time(const _windows_systemtime& st);
 
   // The single place that decides validity. Returns `valid`.

@@ -492,6 +492,53 @@ TEST(QvTime, PresentMomentAndNtp) {
   EXPECT_DOUBLE_EQ(qv::ntp_seconds_between(make(0x01020304u, 0), make(0x01020304u, 0)), 0.0);
 }
 
+// Arbitrary bit patterns for every kind and every field: no trap (the
+// sanitizer build checks overflow and bounds), and whatever comes out valid
+// is a real calendar moment inside the accepted years.
+TEST(QvTime, ArbitraryInputStaysInBounds) {
+  zone_guard est("EST5");
+  uint64_t state = 12345;
+  auto next = [&] {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    return state ^ (state >> 31);
+  };
+  auto check = [](const qv::time& t) {
+    if (!t.is_valid()) return;
+    EXPECT_GE(t.year(), 1900u);
+    EXPECT_LE(t.year(), 3001u);
+    EXPECT_GE(t.month(), 1u);
+    EXPECT_LE(t.month(), 12u);
+    EXPECT_GE(t.day(), 1u);
+    EXPECT_LE(t.day(), 31u);
+    EXPECT_LE(t.hour(), 23u);
+    EXPECT_TRUE(qv::is_valid_filetime(t.get_filetime()));
+  };
+  for (int i = 0; i < 3000; ++i) {
+    const uint64_t v = next();
+    double d;
+    std::memcpy(&d, &v, sizeof d);
+    for (uint32_t bit = 0; bit < 20; ++bit) {
+      const auto kind = static_cast<qv::type_time>(1u << bit);
+      check(qv::time(v, kind));
+      check(qv::time(static_cast<int64_t>(v), kind));
+      check(qv::time(v >> (i % 64), kind));
+      check(qv::time(d, kind));
+      check(qv::time(static_cast<double>(static_cast<int64_t>(v) >> (i % 64)), kind));
+    }
+    qv::_windows_systemtime st;
+    st.wYear = static_cast<uint16_t>(v);
+    st.wMonth = static_cast<uint16_t>(v >> 16);
+    st.wDay = static_cast<uint16_t>(v >> 32);
+    st.wHour = static_cast<uint16_t>(v >> 48);
+    st.wMinute = static_cast<uint16_t>(v >> 8);
+    st.wSecond = static_cast<uint16_t>(v >> 24);
+    st.wMilliseconds = static_cast<uint16_t>(v >> 40);
+    check(qv::time(st));
+    struct tm tm {};
+    qv::unix_to_tm(v, static_cast<float>(d), tm);
+  }
+}
+
 TEST(QvTime, KindLabels) {
   const std::pair<uint32_t, const char*> labels[] = {
       {1, "filetime"},        {2, "chrome"},         {4, "firefox3"},
