@@ -1,0 +1,146 @@
+#include "decode/render.h"
+
+#include "support/qv_string.h"
+
+namespace {
+
+const char kHexDigits[] = "0123456789abcdef";
+
+// Zero padding of a number never goes past the width of a 128-bit value,
+// whatever size a field claims: the number itself holds 64 bits at most.
+constexpr uint32_t kMaxNumberDigits = 32;
+
+// Text values: backslashes become "/" first, then a backslash goes ahead of
+// every double quote, so that the escape itself survives.
+void append_text_value(std::string& out, const std::string& text) {
+  for (char c : text) {
+    if (c == '\\') {
+      out += '/';
+    } else if (c == '"') {
+      out += '\\';
+      out += '"';
+    } else {
+      out += c;
+    }
+  }
+}
+
+void append_value(std::string& out, const decoded_field& f) {
+  if (!f.text.empty()) {
+    append_text_value(out, f.text);
+    return;
+  }
+  if (!f.bytes.empty()) {
+    if (f.type == 15 && f.bytes.size() == 16) {
+      out += '{';
+      qv::append_guid_text(out, f.bytes.data());
+      out += '}';
+    } else {
+      append_hex_bytes(out, f.bytes.data(), f.bytes.size());
+    }
+    return;
+  }
+  // Skips (families 0xC and 0xE) carry their "{blob}" in the text; should
+  // one ever come without it, it still shows no number.
+  const uint8_t family = f.subtype >> 4;
+  if (family == 0xC || family == 0xE) return;
+  out += "0x";
+  uint64_t digits = uint64_t{f.size} * 2;
+  if (digits > kMaxNumberDigits) digits = kMaxNumberDigits;
+  append_hex(out, f.number, static_cast<uint32_t>(digits));
+}
+
+}  // namespace
+
+void append_hex(std::string& out, uint64_t value, uint32_t digits) {
+  char buf[kMaxNumberDigits];
+  uint32_t n = 0;
+  do {
+    buf[n++] = kHexDigits[value & 0xF];
+    value >>= 4;
+  } while (value != 0 && n < sizeof buf);
+  if (digits > sizeof buf) digits = sizeof buf;
+  while (n < digits) buf[n++] = '0';
+  while (n > 0) out += buf[--n];
+}
+
+void append_hex_bytes(std::string& out, const uint8_t* data, size_t size) {
+  size_t at = out.size();
+  out.resize(at + size * 2);
+  for (size_t i = 0; i < size; ++i) {
+    out[at++] = kHexDigits[data[i] >> 4];
+    out[at++] = kHexDigits[data[i] & 0xF];
+  }
+}
+
+void append_decimal(std::string& out, uint64_t value) {
+  char buf[20];
+  int n = 0;
+  do {
+    buf[n++] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  while (n > 0) out += buf[--n];
+}
+
+void render_fields(std::string& out, decoded_fields& fields) {
+  uint64_t counter = 0;
+  for (const auto& e : fields) {
+    const decoded_field& f = e.field;
+    ++counter;
+    if (counter > 1) out += ';';
+    out += '"';
+    if (counter < 10) out += '0';
+    append_decimal(out, counter);
+    if (!f.name.empty()) {
+      out += '-';
+      out += f.name;
+    }
+    out += "\":\"";
+    append_value(out, f);
+    out += '"';
+  }
+}
+
+void mark_line_ends(std::string& text) {
+  const size_t first_lf = text.find('\n');
+  if (first_lf == std::string::npos && text.find('\r') == std::string::npos) return;
+
+  thread_local std::string marked;
+  marked.clear();
+  if (first_lf == std::string::npos) {
+    // No LF anywhere: each CR stands alone.
+    for (char c : text) {
+      if (c == '\r') marked += "[CR]"; else marked += c;
+    }
+    text.swap(marked);
+    return;
+  }
+
+  // `last` is where the text not yet copied starts. The LFs are visited
+  // left to right; a CR stays as it is unless an LF beside it takes it.
+  size_t last = 0;
+  for (size_t i = first_lf; i != std::string::npos; i = text.find('\n', i + 1)) {
+    if (i > 0 && text[i - 1] == '\r') {
+      if (i - 1 >= last) {
+        marked.append(text, last, i - 1 - last);
+      } else {
+        // The CR before this LF already went into an "[LFCR]": the LF is
+        // copied through as it stands.
+        marked.append(text, last, i + 1 - last);
+      }
+      marked += "[CRLF]";
+      last = i + 1;
+    } else if (i + 1 < text.size() && text[i + 1] == '\r') {
+      marked.append(text, last, i - last);
+      marked += "[LFCR]";
+      last = i + 2;
+    } else {
+      marked.append(text, last, i - last);
+      marked += "[LF]";
+      last = i + 1;
+    }
+  }
+  if (last < text.size()) marked.append(text, last, std::string::npos);
+  text.swap(marked);
+}
