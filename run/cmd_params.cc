@@ -227,7 +227,10 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
         return false;
       }
       probe.close();
-      std::remove(v.c_str());
+      // Only a regular file is removed again: a device such as /dev/null or
+      // a pipe named as output must survive the test.
+      struct stat st {};
+      if (::stat(v.c_str(), &st) == 0 && S_ISREG(st.st_mode)) std::remove(v.c_str());
     }
   }
   if (take_value("-outdir", v, args)) o.out_dir = qv::expand_environment(v, true);

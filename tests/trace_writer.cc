@@ -391,4 +391,111 @@ bytes sample_trace() {
   return w.data();
 }
 
+namespace {
+
+// A small deterministic generator (xorshift) for the big trace.
+struct rng {
+  uint64_t state = 0x9E3779B97F4A7C15ull;
+  uint32_t next() {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    return static_cast<uint32_t>(state >> 11);
+  }
+};
+
+void append_utf16(bytes& b, const std::string& text) {
+  bytes u = utf16(text);
+  b.insert(b.end(), u.begin(), u.end());
+  b.push_back(0);
+  b.push_back(0);
+}
+
+void append32(bytes& b, uint32_t v) {
+  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
+}
+
+}  // namespace
+
+bool write_big_trace(const std::string& path, uint64_t total_bytes) {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return false;
+  log_header_spec h;
+  h.buffer_size = 65536;
+  h.clock = clock_qpc;
+  h.perf_freq = 10000000;
+  h.system_time = 1000000000;
+  h.start_time = 134170743671234567ull;
+  h.logger_name = "Big Session";
+  h.log_file_name = "c:\\logs\\big.etl";
+  etl_writer w;
+  w.log_header(h);
+  bool ok = std::fwrite(w.data().data(), 1, w.size(), f) == w.size();
+
+  const guid manifest = guid_from_text("22fb2cd6-0e7b-422b-a0c7-2fad1fd0e716");  // Kernel-Process
+  const guid tl = guid_from_text("8e805eb3-8c20-4d38-a4a5-5a3b2b69bd16");
+  static const char* const kPaths[] = {
+      "\\Device\\HarddiskVolume3\\Windows\\System32\\kernel32.dll",
+      "\\Device\\HarddiskVolume3\\Users\\analyst\\AppData\\Local\\Temp\\x.tmp",
+      "C:\\Program Files\\App\\app.exe",
+      "\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run"};
+  rng r;
+  uint64_t written = w.size();
+  uint64_t raw = 1000000000;
+  uint32_t sequence = 0;
+  while (ok && written < total_bytes) {
+    std::vector<bytes> records;
+    size_t used = 72;
+    for (;;) {
+      raw += 1 + r.next() % 50;
+      event_spec e;
+      e.time = raw;
+      e.process_id = 0x100 + r.next() % 64;
+      e.thread_id = 0x2000 + r.next() % 512;
+      bytes rec;
+      const uint32_t pick = r.next() % 10;
+      const std::string path_text = kPaths[r.next() % 4];
+      if (pick < 4) {  // a manifest event: numbers and a string, guessed
+        e.provider = manifest;
+        e.id = static_cast<uint16_t>(1 + r.next() % 8);
+        e.keyword = 0x8000000000000010ull;
+        append32(e.payload, e.process_id);
+        append32(e.payload, r.next());
+        append_utf16(e.payload, path_text);
+        append32(e.payload, r.next() % 1000);
+        rec = event_header_record(e);
+      } else if (pick < 8) {  // a classic file name event: pointer and path
+        e.id = 0x0400;
+        e.class_version = 2;
+        for (int i = 0; i < 8; ++i) e.payload.push_back(uint8_t(r.next()));
+        append_utf16(e.payload, path_text);
+        rec = system_header_record(e);
+      } else {  // TraceLogging: schema and a payload of two strings and a number
+        e.provider = tl;
+        e.extended = extended_item(11, tracelogging_schema("ScanBuffer", {{"appname", 2}, {"contentname", 1}, {"size", 8}}), false);
+        const std::string app = "powershell.exe";
+        e.payload.insert(e.payload.end(), app.begin(), app.end());
+        e.payload.push_back(0);
+        append_utf16(e.payload, path_text);
+        append32(e.payload, r.next() % 65536);
+        rec = event_header_record(e);
+      }
+      const size_t step = (rec.size() + 7) & ~size_t(7);
+      if (used + step > 65536) break;
+      used += step;
+      records.push_back(std::move(rec));
+    }
+    etl_writer b;
+    buffer_spec spec;
+    spec.buffer_size = 65536;
+    spec.timestamp = raw + 1;
+    spec.sequence = sequence++;
+    spec.processor = static_cast<uint8_t>(sequence % 4);
+    b.add_buffer(records, spec);
+    ok = std::fwrite(b.data().data(), 1, b.size(), f) == b.size();
+    written += b.size();
+  }
+  return std::fclose(f) == 0 && ok;
+}
+
 }  // namespace tw

@@ -160,4 +160,10 @@ class etl_writer {
 // several kinds. Deterministic: the same bytes every time.
 bytes sample_trace();
 
+// Writes a large regular trace of about `total_bytes`, buffer by buffer
+// (never held whole): 64 KiB buffers of a realistic mix of events (manifest
+// events with strings and numbers, classic kernel file and process events,
+// TraceLogging events with their schema). Deterministic.
+bool write_big_trace(const std::string& path, uint64_t total_bytes);
+
 }  // namespace tw

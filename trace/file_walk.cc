@@ -72,7 +72,7 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
   const bool pulling = opts.pull_guid_on;
   const bool listing = opts.list_guids || opts.list_stats;
   engine.decode_enabled = !pulling && !listing;
-  engine.subset_enabled = pulling && opts.subset_file != nullptr;
+  engine.subset_enabled = pulling && opts.subset_file && opts.subset_file->is_open();
   engine.subset_guid = opts.pull_guid;
 
   std::ostringstream held;  // the column line and header row, printed behind the preamble
@@ -187,7 +187,7 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
     }
     if (!refused) read_buffer(engine, data->data(), data->size(), pos);
 
-    if (pulling && opts.subset_file && !refused)
+    if (engine.subset_enabled && !refused)
       write_subset_buffer(opts, data->data(), static_cast<uint32_t>(data->size()), pos, size_at_4);
     if (!pulling && !listing) emit_rows(engine, report_out, opts);
     else discard_rows(engine);
@@ -196,6 +196,8 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
 
   if (pulling) {
     discard_rows(engine);
+    // The subset belongs to this walk: later inputs don't reach it.
+    if (opts.subset_file) opts.subset_file->close();
   } else if (opts.list_stats) {
     print_statistics(report_out, opts);
   } else if (opts.list_guids) {
