@@ -1,0 +1,228 @@
+// Event rows: the sixteen cells of one event, the column table, the pseudo-row
+// of the log header, and the timeline line of -csvl2t.
+//
+// write_event_row runs for every event of a trace, so the row and the
+// timeline record are kept across calls and refilled in place: in a steady
+// run no cell or text allocates.
+
+#include "report/event_row.h"
+
+#include <climits>
+
+#include "decode/render.h"
+#include "report/report_writer.h"
+#include "report/timeline.h"
+#include "run/cmd_params.h"
+#include "support/byte_reader.h"
+#include "support/qv_string.h"
+#include "support/qv_time.h"
+
+namespace {
+
+struct column_spec {
+  const char* name;
+  uint64_t width;
+  uint16_t type;
+};
+
+// Column 0's width follows the date and time formats and is set when the
+// table is built.
+constexpr column_spec kColumns[16] = {
+    {"created [utc or #ticks]", 0, rt_filetime},
+    {"provider guid", 36, rt_untyped},
+    {"provider name", 36, rt_untyped},
+    {"session name", 36, rt_untyped},
+    {"activity id", 36, rt_untyped},
+    {"event id", 8, rt_untyped},
+    {"process id", 10, rt_untyped},
+    {"thread id", 9, rt_untyped},
+    {"channel", 7, rt_untyped},
+    {"level", 5, rt_untyped},
+    {"opcode", 6, rt_untyped},
+    {"task id", 7, rt_untyped},
+    {"keywords", 18, rt_untyped},
+    {"processor time", 18, rt_untyped},
+    {"processor", 9, rt_untyped},
+    {"extra data", 16, rt_untyped},
+};
+
+constexpr char kHeaderInfo[] = "<header info only>";
+constexpr char kCorrupted[] = "data{corrupted record}";
+
+uint32_t row_flags(const cmd_params& opts) { return opts.quoted_fields ? static_cast<uint32_t>(rf_quote) : 0u; }
+
+int32_t column_count(const cmd_params& opts) {
+  const size_t n = opts.column_table.size();
+  return n > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int32_t>(n);
+}
+
+// The event id the row shows: the compact classic headers carry theirs in
+// the hook id.
+uint16_t shown_event_id(const etl_record& r) {
+  return (r.kind == kind_c002 || r.kind == kind_c011) ? r.hook_id : r.event_id;
+}
+
+// "0x" and at least four hexadecimal digits, or decimal.
+void append_id(std::string& out, uint64_t v, bool base16) {
+  char buf[20];
+  size_t n = 0;
+  if (base16) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    do {
+      buf[n++] = kHex[v & 0xF];
+      v >>= 4;
+    } while (v != 0);
+    while (n < 4) buf[n++] = '0';
+    out += "0x";
+  } else {
+    do {
+      buf[n++] = static_cast<char>('0' + v % 10);
+      v /= 10;
+    } while (v != 0);
+  }
+  while (n > 0) out.push_back(buf[--n]);
+}
+
+void write_timeline_event(etl_record& record, std::ostream& out, cmd_params& opts) {
+  thread_local timeline_record tl;
+  reset_timeline_record(tl);
+  bind_timeline_options(tl, opts);
+  set_time_slots(tl, 0, 0, 0, record.absolute_time, qv::type_filetime);
+  set_slot_texts(tl, "", "", "", "ETL Entry");
+  tl.source.assign("ETL");
+  tl.sourcetype.assign(opts.session_name);
+
+  std::string& s = tl.short_text;
+  s.push_back('{');
+  qv::append_guid_text(s, record.provider_id.data());
+  s += "}; Event: ";
+  append_id(s, shown_event_id(record), opts.base16);
+
+  tl.desc.assign(s);
+  if (record.process_id != 0) {
+    tl.desc += "; ProcID: ";
+    append_id(tl.desc, record.process_id, opts.base16);
+  }
+  if (record.thread_id != 0) {
+    tl.desc += "; ThreadID: ";
+    append_id(tl.desc, record.thread_id, opts.base16);
+  }
+  tl.filename.assign(opts.row_file_name);
+  tl.notes.assign("Orig filename: ");
+  tl.notes += opts.orig_source_path;
+  render_extra_data(record, tl.extra);
+  write_timeline_lines(opts.header_row_pending, out, tl);
+}
+
+// Cells 0 to 3, common to both forms of the header row.
+int32_t set_header_head(report_row& row, uint64_t start_time, uint16_t start_type,
+                        const cmd_params& opts) {
+  int32_t i = 0;
+  i += set_cell_number(row, i, start_time, start_type, 0);
+  i += set_cell_text(row, i, kHeaderInfo, rt_text, 0);
+  i += set_cell_text(row, i, std::string(), rt_text, 0);
+  i += set_cell_text(row, i, opts.session_name, rt_text, 0);
+  return i;
+}
+
+}  // namespace
+
+void write_event_columns(std::ostream& out, cmd_params& opts) {
+  opts.column_table.clear();
+  opts.column_table.resize(16);
+  for (size_t i = 0; i < 16; ++i) {
+    report_cell& col = opts.column_table[i];
+    col.type = kColumns[i].type;
+    col.flags = rf_column;
+    col.width = kColumns[i].width;
+    col.text.assign(kColumns[i].name);
+  }
+  opts.column_table[0].width = opts.date_format.size() + opts.time_format.size() + 1;
+  if (opts.no_whitespace) {
+    for (report_cell& col : opts.column_table) col.width = 0;
+  }
+  write_column_line(out, opts);
+}
+
+void render_extra_data(etl_record& record, std::string& out) {
+  if (record.fields.empty()) return;
+  out += "data{";
+  render_fields(out, record.fields);
+  out.push_back('}');
+}
+
+void write_event_row(etl_record& record, std::ostream& out, cmd_params& opts) {
+  if (opts.header_row_pending && !opts.format_l2t) write_event_columns(out, opts);
+  if (opts.format_l2t && record.absolute_time != 0) {
+    write_timeline_event(record, out, opts);
+    return;
+  }
+  thread_local report_row row;
+  // No columns (as under -csvl2t, which never fills the table) or too many:
+  // the event is dropped without a word.
+  if (!init_report_row(row, column_count(opts), row_flags(opts))) return;
+
+  int32_t i = 0;
+  if (record.absolute_time != 0) {
+    i += set_cell_number(row, i, record.absolute_time, rt_filetime, 0);
+  } else {
+    i += set_cell_number(row, i, record.raw_time, rt_ticks, 0);
+  }
+  i += set_cell_bytes(row, i, record.provider_id.data(), 16, rt_guid, 0);
+  i += set_cell_text(row, i, record.provider_name, rt_text, 0);
+  i += set_cell_text(row, i, opts.session_name, rt_text, 0);
+  i += set_cell_bytes(row, i, record.activity_id.data(), 16, rt_guid, 0);
+  i += set_cell_number(row, i, shown_event_id(record), rt_u16, 0);
+  i += set_cell_number(row, i, record.process_id, rt_u32, 0);
+  i += set_cell_number(row, i, record.thread_id, rt_u32, 0);
+  i += set_cell_number(row, i, record.channel, rt_u8, rf_decimal);
+  i += set_cell_number(row, i, record.level, rt_u8, rf_decimal);
+  i += set_cell_number(row, i, record.opcode, rt_u8, rf_decimal);
+  i += set_cell_number(row, i, record.task, rt_u16, rf_decimal);
+  i += set_cell_number(row, i, record.keyword, rt_u64, rf_hex);
+  i += set_cell_number(row, i, record.time_word, rt_u64, rf_hex);
+  i += set_cell_number(row, i, record.processor, rt_u8, rf_decimal);
+  if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
+    if (!record.valid) extra->append(kCorrupted);
+    render_extra_data(record, *extra);
+    finish_cell_text(row, i);
+  }
+  write_report_row(out, row, opts);
+}
+
+void write_header_info_row(const log_header& header, std::ostream& out, cmd_params& opts) {
+  if (opts.format_l2t && header.StartTime != 0) return;
+  if (opts.header_row_pending && !opts.format_l2t) write_event_columns(out, opts);
+  report_row row;
+  if (!init_report_row(row, column_count(opts), row_flags(opts))) return;
+
+  const bool start_valid = qv::time(header.StartTime, qv::type_filetime).is_valid();
+  int32_t i = start_valid ? set_header_head(row, header.StartTime, rt_filetime, opts)
+                          : set_header_head(row, header.SystemTime, rt_ticks, opts);
+  i += set_cell_text(row, i, std::string(), rt_text, 0);
+  i += set_cell_text(row, i, std::string(), rt_text, 0);
+  i += set_cell_number(row, i, header.ProcessId, rt_u32, 0);
+  i += set_cell_number(row, i, header.ThreadId, rt_u32, 0);
+  for (int k = 8; k <= 12; ++k) i += set_cell_text(row, i, std::string(), rt_text, 0);
+  i += set_cell_number(row, i, header.KernelUserTime, rt_u64, rf_hex);
+  i += set_cell_text(row, i, std::string(), rt_text, 0);
+  set_cell_text(row, i, log_header_text(header, opts.base16, opts.datetime_format), rt_text, 0);
+  write_report_row(out, row, opts);
+}
+
+void write_short_header_row(const uint8_t* first_block, std::ostream& out, cmd_params& opts) {
+  // The first 72-byte header: its time word at 24, the fallback word at 16.
+  const size_t size = first_block ? 72 : 0;
+  const uint64_t start_time = qv::rd_u64(first_block, size, 24);
+  const uint64_t fallback = qv::rd_u64(first_block, size, 16);
+  if (opts.format_l2t && start_time != 0) return;
+  if (opts.header_row_pending && !opts.format_l2t) write_event_columns(out, opts);
+  report_row row;
+  if (!init_report_row(row, column_count(opts), row_flags(opts))) return;
+
+  const bool start_valid = qv::time(start_time, qv::type_filetime).is_valid();
+  int32_t i = start_valid ? set_header_head(row, start_time, rt_filetime, opts)
+                          : set_header_head(row, fallback, rt_ticks, opts);
+  for (; i < 16; ++i) set_cell_text(row, i, std::string(), rt_text, 0);
+  write_report_row(out, row, opts);
+}

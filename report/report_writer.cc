@@ -1,0 +1,599 @@
+// The report writer. A row is composed into one reused line buffer and handed
+// to the stream with a single write: numbers and padding are written by hand,
+// and text clean-up (separator character, line breaks) only runs when the
+// text holds the characters concerned.
+
+#include "report/report_writer.h"
+
+#include <cstring>
+
+#include "run/cmd_params.h"
+#include "support/qv_string.h"
+#include "support/qv_time.h"
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+constexpr uint64_t kTicksPerSecond = 10000000;
+constexpr uint64_t kTicksPerDay = kTicksPerSecond * 86400;
+// Padding is never wider than this, whatever width a column claims.
+constexpr uint64_t kMaxPad = 65535;
+
+std::string& line_buffer() {
+  thread_local std::string line = [] {
+    std::string s;
+    s.reserve(8192);
+    return s;
+  }();
+  return line;
+}
+
+void put_blanks(std::string& out, uint64_t n) {
+  if (n > kMaxPad) n = kMaxPad;
+  out.append(static_cast<size_t>(n), ' ');
+}
+
+// Pads what was appended since `start` with blanks on the right up to `width`.
+void pad_left_aligned(std::string& out, size_t start, uint64_t width) {
+  const size_t len = out.size() - start;
+  if (len < width) put_blanks(out, width - len);
+}
+
+// Pads what was appended since `start` with blanks on the left up to `width`.
+void pad_right_aligned(std::string& out, size_t start, uint64_t width) {
+  const size_t len = out.size() - start;
+  if (len >= width) return;
+  uint64_t n = width - len;
+  if (n > kMaxPad) n = kMaxPad;
+  out.insert(start, static_cast<size_t>(n), ' ');
+}
+
+void pad_centred(std::string& out, size_t start, uint64_t width) {
+  const size_t len = out.size() - start;
+  if (len >= width) return;
+  uint64_t n = width - len;
+  if (n > kMaxPad) n = kMaxPad;
+  const uint64_t front = n / 2;
+  out.insert(start, static_cast<size_t>(front), ' ');
+  put_blanks(out, n - front);
+}
+
+void put_decimal(std::string& out, uint64_t v) {
+  char buf[20];
+  size_t n = 0;
+  do {
+    buf[n++] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  while (n > 0) out.push_back(buf[--n]);
+}
+
+// Lower-case hexadecimal, zero-filled to `digits` (at most kMaxPad).
+void put_hex(std::string& out, uint64_t v, uint64_t digits) {
+  char buf[16];
+  size_t n = 0;
+  do {
+    buf[n++] = kHexDigits[v & 0xF];
+    v >>= 4;
+  } while (v != 0);
+  if (digits > kMaxPad) digits = kMaxPad;
+  if (digits > n) out.append(static_cast<size_t>(digits - n), '0');
+  while (n > 0) out.push_back(buf[--n]);
+}
+
+void put_two(std::string& out, uint32_t v) {
+  out.push_back(static_cast<char>('0' + v / 10 % 10));
+  out.push_back(static_cast<char>('0' + v % 10));
+}
+
+// Hexadecimal digits of a number type when no width applies.
+uint64_t type_digits(uint16_t type) {
+  switch (type) {
+    case rt_u8: return 2;
+    case rt_u16: return 4;
+    case rt_u32:
+    case rt_u64: return 8;
+    default: return 0;
+  }
+}
+
+bool is_two_cell(uint16_t type) {
+  return type == rt_filetime_two || type == rt_unix_two || type == rt_chrome_two ||
+         type == rt_firefox_two || type == rt_safari_two;
+}
+
+bool is_time_type(uint16_t type) {
+  return type == rt_filetime || (type >= rt_unix_two && type <= rt_safari) ||
+         type == rt_filetime_two;
+}
+
+// The clock kind of a time cell type.
+qv::type_time time_kind_of(uint16_t type) {
+  switch (type) {
+    case rt_unix_two:
+    case rt_unix: return qv::type_unix;
+    case rt_chrome_two:
+    case rt_chrome: return qv::type_chrome;
+    case rt_firefox_two:
+    case rt_firefox: return qv::type_firefox3;
+    case rt_safari_two:
+    case rt_safari: return qv::type_safari;
+    default: return qv::type_filetime;
+  }
+}
+
+report_cell* cell_at(report_row& row, int32_t index, uint16_t type) {
+  if (!row.valid || index < 0 || index >= row.count || type >= 32) return nullptr;
+  if (static_cast<size_t>(index) >= row.cells.size()) return nullptr;
+  return &row.cells[static_cast<size_t>(index)];
+}
+
+// Resets the cell and sets its type and flags; the second cell of a two-cell
+// type is reset to type 0. Returns the cells used.
+int32_t prepare_cell(report_row& row, int32_t index, uint16_t type, uint32_t flags,
+                     report_cell*& cell) {
+  cell = cell_at(row, index, type);
+  const int32_t used = is_two_cell(type) ? 2 : 1;
+  if (!cell) return 1;
+  cell->reset();
+  cell->type = type;
+  cell->flags = flags | row.default_flags;
+  if (used == 2) {
+    if (report_cell* second = cell_at(row, index + 1, rt_untyped)) second->reset();
+  }
+  return used;
+}
+
+// The storing-time rules of text cells.
+void finish_text(report_cell& cell) {
+  if (cell.flags == rf_flatten) flatten_line_breaks(cell.text);
+  if (cell.flags & rf_quote) {
+    std::string& t = cell.text;
+    // A text that already opens a quoted structure stays as it is.
+    if (!(t.size() > 2 && t[0] == '{' && t[1] == '"')) {
+      t.insert(t.begin(), '"');
+      t.push_back('"');
+    }
+  }
+}
+
+// Everything the writer needs from the option record for one line.
+struct line_settings {
+  const cmd_params& o;
+  bool flatten;
+};
+
+uint64_t column_width(const cmd_params& o, size_t i) {
+  return i < o.column_table.size() ? o.column_table[i].width : 0;
+}
+
+// Date and time text of a stamp of any clock kind.
+bool render_time(uint64_t value, uint16_t type, const qv::datetime_format& fmt,
+                 std::string& date, std::string& time) {
+  thread_local filetime_text cache;
+  date.clear();
+  time.clear();
+  const qv::type_time kind = time_kind_of(type);
+  if (kind == qv::type_filetime) {
+    if (!cache.set(value, fmt)) return false;
+    cache.append_date(date);
+    cache.append_time(time);
+    return true;
+  }
+  const qv::time t(value, kind);
+  if (!t.is_valid()) return false;
+  qv::format_datetime(date, time, t, fmt);
+  return true;
+}
+
+// A one-cell time: a leading blank under pad_with_blanks, then date, one
+// blank and time, left-aligned in the column. An invalid stamp leaves a
+// blank for each half (none under -no_whitespace).
+void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const cmd_params& o) {
+  thread_local std::string date, time;
+  if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
+    date = " ";
+    time = " ";
+  }
+  if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
+  const size_t start = out.size();
+  out += date;
+  out.push_back(' ');
+  out += time;
+  if (!o.no_whitespace) pad_left_aligned(out, start, w);
+}
+
+// A two-cell time: the date in this column, the time in the next.
+void write_time_pair(std::string& out, const report_cell& c, uint64_t w, uint64_t w_next,
+                     const cmd_params& o) {
+  thread_local std::string date, time;
+  if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
+    date = " ";
+    time = " ";
+  }
+  if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
+  size_t start = out.size();
+  out += date;
+  if (!o.no_whitespace) pad_left_aligned(out, start, w);
+  out += o.separator;
+  start = out.size();
+  out += time;
+  if (!o.no_whitespace) pad_left_aligned(out, start, w_next);
+}
+
+void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const cmd_params& o) {
+  if (o.pad_with_blanks) out.push_back(' ');
+  const size_t start = out.size();
+  if (o.base16 || c.flags == rf_hex) {
+    out += "0x";
+    put_hex(out, c.number, 16);
+  } else {
+    put_decimal(out, c.number);
+  }
+  if (!o.no_whitespace) pad_left_aligned(out, start, w);
+}
+
+void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+                       const cmd_params& o) {
+  const size_t start = out.size();
+  const uint64_t field = prefix < w ? w - prefix : 0;
+  const uint64_t v = c.number;
+  if ((c.flags & rf_zero_blank) && v == 0) {
+    // Prints as nothing; the blanks keep later columns in place.
+    if (!o.no_whitespace) put_blanks(out, field);
+    return;
+  }
+  if (c.flags & rf_hex) {
+    out += "0x";
+    put_hex(out, v, (!o.no_whitespace && prefix + 1 < w) ? w - prefix - 2 : 0);
+  } else if (c.flags & rf_hex_and_dec) {
+    out += "0x";
+    put_hex(out, v, 0);
+    out += " [";
+    put_decimal(out, v);
+    out.push_back(']');
+  } else if (c.flags & rf_hex_bare) {
+    put_hex(out, v, type_digits(c.type));
+  } else if ((c.flags & rf_decimal) || !o.base16) {
+    put_decimal(out, v);
+  } else {
+    out += "0x";
+    uint64_t digits = type_digits(c.type);
+    if (!o.no_whitespace && w >= prefix + 2) digits = w - prefix - 2;
+    put_hex(out, v, digits);
+  }
+  if (!o.no_whitespace) pad_right_aligned(out, start, field);
+}
+
+void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+                     const line_settings& s) {
+  const cmd_params& o = s.o;
+  const size_t start = out.size();
+  size_t n = c.text.size();
+  if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
+  out.append(c.text, 0, n);
+  if (o.separator_char != 0 && std::memchr(c.text.data(), o.separator_char, n) != nullptr) {
+    for (size_t i = start; i < out.size(); ++i) {
+      if (out[i] == o.separator_char) out[i] = o.sub_separator_char;
+    }
+  }
+  if (s.flatten && (std::memchr(out.data() + start, '\n', out.size() - start) != nullptr ||
+                    std::memchr(out.data() + start, '\r', out.size() - start) != nullptr)) {
+    thread_local std::string piece;
+    piece.assign(out, start, std::string::npos);
+    flatten_line_breaks(piece);
+    out.resize(start);
+    out += piece;
+  }
+  if (!o.no_whitespace && prefix <= w) {
+    const uint64_t field = w - prefix;
+    if (c.flags & rf_centre) {
+      pad_centred(out, start, field);
+    } else if (c.flags & rf_right) {
+      pad_right_aligned(out, start, field);
+    } else {
+      pad_left_aligned(out, start, field);
+    }
+  }
+}
+
+void write_bytes_cell(std::string& out, const report_cell& c, uint64_t w, const cmd_params& o) {
+  const size_t start = out.size();
+  if (c.type == rt_hex_pairs) {
+    // Pairs between blanks; a value longer than max_text bytes is cut and
+    // marked with "...".
+    const size_t n = c.bytes.size() > c.max_text ? c.max_text : c.bytes.size();
+    for (size_t i = 0; i < n; ++i) {
+      if (i != 0) out.push_back(' ');
+      out.push_back(kHexDigits[c.bytes[i] >> 4]);
+      out.push_back(kHexDigits[c.bytes[i] & 0xF]);
+    }
+    if (n < c.bytes.size()) out += "...";
+  } else {
+    for (uint8_t b : c.bytes) {
+      out.push_back(kHexDigits[b >> 4]);
+      out.push_back(kHexDigits[b & 0xF]);
+    }
+  }
+  if (!o.no_whitespace) pad_left_aligned(out, start, w);
+}
+
+// Renders cell `i` (and, for a two-cell time, the next one); returns the
+// index of the last cell it used.
+size_t render_cell(std::string& out, const report_row& row, size_t i, const line_settings& s) {
+  const cmd_params& o = s.o;
+  const report_cell& c = row.cells[i];
+  const uint64_t w = column_width(o, i);
+  uint64_t prefix = 0;
+  if (c.flags & rf_arrow) {
+    out += "->";
+    prefix += 2;
+  }
+  if (c.flags & rf_blank) {
+    out.push_back(' ');
+    prefix += 1;
+  }
+  switch (c.type) {
+    case rt_text:
+      write_text_cell(out, c, w, prefix, s);
+      break;
+    case rt_raw_text:
+      out += c.text;
+      break;
+    case rt_guid: {
+      const size_t start = out.size();
+      if (c.bytes.size() >= 16) qv::append_guid_text(out, c.bytes.data());
+      if (!o.no_whitespace) pad_left_aligned(out, start, w);
+      break;
+    }
+    case rt_u8:
+    case rt_u16:
+    case rt_number:
+    case rt_u32:
+    case rt_u64:
+      write_number_cell(out, c, w, prefix, o);
+      break;
+    case rt_ticks:
+      write_ticks_cell(out, c, w, o);
+      break;
+    case rt_hex_pairs:
+    case rt_hex:
+      write_bytes_cell(out, c, w, o);
+      break;
+    default:
+      if (is_two_cell(c.type)) {
+        if (i + 1 < static_cast<size_t>(row.count)) {
+          write_time_pair(out, c, w, column_width(o, i + 1), o);
+          return i + 1;
+        }
+        write_time_cell(out, c, w, o);
+      } else if (is_time_type(c.type)) {
+        write_time_cell(out, c, w, o);
+      }
+      // Any other type writes nothing but its separator.
+      break;
+  }
+  return i;
+}
+
+void write_multiline_row(std::ostream& out, const report_row& row, cmd_params& o,
+                         const line_settings& s) {
+  if (o.header_row_pending) {
+    o.header_row_pending = false;
+    uint64_t longest = 0;
+    for (report_cell& col : o.column_table) {
+      if (col.type == rt_no_column) continue;
+      col.text.push_back(':');
+      if (col.text.size() > longest) longest = col.text.size();
+    }
+    for (report_cell& col : o.column_table) {
+      if (col.type != rt_no_column) col.width = longest + 1;
+    }
+  }
+  std::string& line = line_buffer();
+  line.clear();
+  const size_t count = static_cast<size_t>(row.count);
+  for (size_t i = 0; i < count; ++i) {
+    const report_cell* col = i < o.column_table.size() ? &o.column_table[i] : nullptr;
+    if (!col || col->type != rt_raw_text) {
+      const size_t start = line.size();
+      if (col) line += col->text;
+      pad_left_aligned(line, start, col ? col->width : 0);
+    }
+    const size_t last = render_cell(line, row, i, s);
+    if (row.cells[i].type != rt_raw_text) line.push_back('\n');
+    i = last;
+  }
+  line.push_back('\n');
+  out.write(line.data(), static_cast<std::streamsize>(line.size()));
+}
+
+}  // namespace
+
+bool init_report_row(report_row& row, int32_t count, uint32_t default_flags) {
+  row.valid = 0;
+  row.count = 0;
+  row.default_flags = default_flags;
+  if (count <= 0 || count >= 256) return false;
+  try {
+    if (row.cells.size() < static_cast<size_t>(count)) row.cells.resize(static_cast<size_t>(count));
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  for (int32_t i = 0; i < count; ++i) row.cells[static_cast<size_t>(i)].reset();
+  row.count = count;
+  row.valid = 1;
+  return true;
+}
+
+std::string* begin_cell_text(report_row& row, int32_t index, uint16_t type, uint32_t flags) {
+  report_cell* cell = nullptr;
+  prepare_cell(row, index, type, flags, cell);
+  return cell ? &cell->text : nullptr;
+}
+
+void finish_cell_text(report_row& row, int32_t index) {
+  if (report_cell* cell = cell_at(row, index, 0)) finish_text(*cell);
+}
+
+int32_t set_cell_text(report_row& row, int32_t index, const std::string& text, uint16_t type,
+                      uint32_t flags) {
+  report_cell* cell = nullptr;
+  const int32_t used = prepare_cell(row, index, type, flags, cell);
+  if (cell) {
+    cell->text.assign(text);
+    finish_text(*cell);
+  }
+  return used;
+}
+
+int32_t set_cell_stream(report_row& row, int32_t index, const std::ostringstream& stream,
+                        uint16_t type, uint32_t flags) {
+  return set_cell_text(row, index, stream.str(), type, flags);
+}
+
+int32_t set_cell_bytes(report_row& row, int32_t index, const uint8_t* data, uint32_t length,
+                       uint16_t type, uint32_t flags) {
+  report_cell* cell = nullptr;
+  const int32_t used = prepare_cell(row, index, type, flags, cell);
+  if (cell && data != nullptr) cell->bytes.assign(data, data + length);
+  return used;
+}
+
+int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
+                        uint32_t flags) {
+  report_cell* cell = nullptr;
+  const int32_t used = prepare_cell(row, index, type, flags, cell);
+  if (cell) cell->number = value;
+  return used;
+}
+
+void write_column_line(std::ostream& out, cmd_params& opts) {
+  opts.header_row_pending = false;
+  std::string& line = line_buffer();
+  line.clear();
+  const size_t n = opts.column_table.size();
+  for (size_t i = 0; i < n; ++i) {
+    const report_cell& col = opts.column_table[i];
+    // Time columns get the blank that their cells start with; this looks at
+    // pad_with_blanks only, so a bare -csv keeps it.
+    if ((col.type == rt_filetime || col.type == rt_chrome || col.type == 24) &&
+        opts.pad_with_blanks) {
+      line.push_back(' ');
+    }
+    const size_t start = line.size();
+    line += col.text;
+    if (!opts.no_whitespace) pad_left_aligned(line, start, col.width);
+    if (i + 1 < n) line += opts.separator;
+  }
+  line.push_back('\n');
+  out.write(line.data(), static_cast<std::streamsize>(line.size()));
+}
+
+void write_report_row(std::ostream& out, const report_row& row, cmd_params& opts) {
+  if (!row.valid || row.count <= 0 || static_cast<size_t>(row.count) > row.cells.size()) return;
+  const line_settings s{opts, opts.format_csv || opts.format_csvgen || opts.format_l2t ||
+                                  opts.format_bodyfile};
+  if (opts.format_multiline) {
+    write_multiline_row(out, row, opts, s);
+    return;
+  }
+  if (opts.header_row_pending) write_column_line(out, opts);
+  std::string& line = line_buffer();
+  line.clear();
+  const size_t count = static_cast<size_t>(row.count);
+  for (size_t i = 0; i < count; ++i) {
+    i = render_cell(line, row, i, s);
+    if (i + 1 < count) line += opts.separator;
+  }
+  line.push_back('\n');
+  out.write(line.data(), static_cast<std::streamsize>(line.size()));
+}
+
+void flatten_line_breaks(std::string& text) {
+  if (text.empty()) return;
+  const size_t first_lf = text.find('\n');
+  if (first_lf == std::string::npos) {
+    if (text.find('\r') == std::string::npos) return;
+    // No LF anywhere: every CR stands alone.
+    thread_local std::string marked;
+    marked.clear();
+    for (char c : text) {
+      if (c == '\r') marked += "[CR]"; else marked.push_back(c);
+    }
+    text.swap(marked);
+    return;
+  }
+  // The LFs are taken left to right; a CR is only consumed by an LF beside
+  // it, so a lone CR in a text that has LFs stays as it is. `copied` is where
+  // the text not yet copied starts.
+  thread_local std::string marked;
+  marked.clear();
+  size_t copied = 0;
+  for (size_t i = first_lf; i != std::string::npos; i = text.find('\n', i + 1)) {
+    if (i > 0 && text[i - 1] == '\r') {
+      if (i - 1 >= copied) {
+        marked.append(text, copied, i - 1 - copied);
+      } else {
+        // The CR before this LF already went into an "[LFCR]": the LF
+        // itself is copied through.
+        marked.append(text, copied, i + 1 - copied);
+      }
+      marked += "[CRLF]";
+      copied = i + 1;
+    } else if (i + 1 < text.size() && text[i + 1] == '\r') {
+      marked.append(text, copied, i - copied);
+      marked += "[LFCR]";
+      copied = i + 2;
+    } else {
+      marked.append(text, copied, i - copied);
+      marked += "[LF]";
+      copied = i + 1;
+    }
+  }
+  if (copied < text.size()) marked.append(text, copied, std::string::npos);
+  text.swap(marked);
+}
+
+bool filetime_text::set(uint64_t ticks, const qv::datetime_format& fmt) {
+  if (!qv::is_valid_filetime(ticks)) return false;
+  const uint32_t key = static_cast<uint32_t>(static_cast<uint8_t>(fmt.separator)) |
+                       static_cast<uint32_t>(fmt.date_flags) << 8 |
+                       static_cast<uint32_t>(fmt.time_flags) << 16 |
+                       static_cast<uint32_t>(fmt.reserved) << 24;
+  const uint64_t day = ticks / kTicksPerDay;
+  if (day != day_ || key != fmt_key_) {
+    date_.clear();
+    qv::append_date(date_, qv::time(ticks, qv::type_filetime), fmt);
+    day_ = day;
+    fmt_key_ = key;
+    // An unset format renders as "yyyy-mm-dd" and "hh:mm:ss.xxx".
+    digits_ = fmt.is_set() ? fmt.fraction_digits() : 3;
+    if (digits_ > 9) digits_ = 9;
+  }
+  ticks_ = ticks;
+  return true;
+}
+
+void filetime_text::append_time(std::string& out) const {
+  const uint64_t seconds = ticks_ / kTicksPerSecond;
+  const uint32_t of_day = static_cast<uint32_t>(seconds % 86400);
+  put_two(out, of_day / 3600);
+  out.push_back(':');
+  put_two(out, of_day / 60 % 60);
+  out.push_back(':');
+  put_two(out, of_day % 60);
+  if (digits_ == 0) return;
+  // The fraction is cut, never rounded: nanoseconds cut to `digits_` places.
+  static constexpr uint64_t kPowers[10] = {1,      10,      100,      1000,      10000,
+                                           100000, 1000000, 10000000, 100000000, 1000000000};
+  const uint64_t nanos = ticks_ % kTicksPerSecond * 100;
+  out.push_back('.');
+  uint64_t v = nanos / kPowers[9 - digits_];
+  char buf[9];
+  for (uint32_t k = digits_; k > 0; --k) {
+    buf[k - 1] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  }
+  out.append(buf, digits_);
+}

@@ -1,0 +1,328 @@
+// The log2timeline CSV writer. Each line is composed in one reused buffer and
+// handed to the stream in one write.
+
+#include "report/timeline.h"
+
+#include <cstring>
+
+#include "report/report_writer.h"
+#include "run/cmd_params.h"
+
+namespace {
+
+constexpr char kLetters[4] = {'M', 'A', 'C', 'B'};
+constexpr int kSlotC = 2;
+
+const qv::datetime_format& default_timeline_format() {
+  static const qv::datetime_format fmt = [] {
+    qv::datetime_format f;
+    qv::parse_datetime_format(f, "yyyy-mm-dd", "hh:mm:ss.xxx", false);
+    return f;
+  }();
+  return fmt;
+}
+
+void join(std::string& out, const std::string& text) {
+  if (text.empty()) return;
+  if (!out.empty()) out += "; ";
+  out += text;
+}
+
+// Takes entry `n` of the list, reusing the storage of an earlier call.
+timeline_entry& entry_at(std::vector<timeline_entry>& entries, size_t n) {
+  if (n < entries.size()) {
+    timeline_entry& e = entries[n];
+    e.raw_time = 0;
+    e.time = qv::time();
+    e.macb.clear();
+    e.type_text.clear();
+    e.source_text.clear();
+    e.file_text.clear();
+    e.user_text.clear();
+    return e;
+  }
+  return entries.emplace_back();
+}
+
+const std::string& item(const std::vector<std::string>& list, size_t i) {
+  static const std::string empty;
+  return i < list.size() ? list[i] : empty;
+}
+
+// The separator character to its substitute, then (where asked) line breaks
+// flattened; only when the text holds the characters concerned.
+void clean_text(std::string& text, char from, char to, bool flatten) {
+  if (from != 0 && to != 0 && std::memchr(text.data(), from, text.size()) != nullptr) {
+    for (char& c : text) {
+      if (c == from) c = to;
+    }
+  }
+  if (flatten) flatten_line_breaks(text);
+}
+
+void put_decimal(std::string& out, uint64_t v) {
+  char buf[20];
+  size_t n = 0;
+  do {
+    buf[n++] = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  while (n > 0) out.push_back(buf[--n]);
+}
+
+}  // namespace
+
+void reset_timeline_record(timeline_record& r) {
+  for (int s = 0; s < 4; ++s) {
+    r.slot_time[s] = 0;
+    r.slot_text[s].clear();
+  }
+  r.label.clear();
+  r.time_kind = qv::type_filetime;
+  r.extra_times.clear();
+  r.extra_texts.clear();
+  r.extra_sources.clear();
+  r.extra_files.clear();
+  r.extra_done.clear();
+  r.timezone.assign("UTC");
+  r.source.clear();
+  r.sourcetype.clear();
+  r.type.clear();
+  r.user.clear();
+  r.host.clear();
+  r.short_text.clear();
+  r.desc.clear();
+  r.version = 2;
+  r.filename.clear();
+  r.inode.clear();
+  r.notes.clear();
+  r.format.assign("-csvl2t");
+  r.extra.clear();
+  r.separator.assign(",");
+  r.separator_char = ',';
+  r.sub_separator_char = ' ';
+  r.no_whitespace = false;
+  r.pair_datetime = false;
+  r.base16 = false;
+  r.datetime_format = default_timeline_format();
+}
+
+void bind_timeline_options(timeline_record& r, const cmd_params& opts) {
+  r.separator.assign(opts.separator);
+  r.separator_char = opts.separator_char;
+  r.sub_separator_char = opts.sub_separator_char;
+  r.no_whitespace = opts.no_whitespace;
+  r.pair_datetime = opts.pair_datetime;
+  r.base16 = opts.base16;
+  r.datetime_format = opts.datetime_format;
+  r.format.assign(opts.program_name);
+  r.format.append(" (ovrelt)");
+  r.user.assign(opts.user_name);
+  r.host.assign(opts.host_name);
+}
+
+void set_time_slots(timeline_record& r, uint64_t m, uint64_t a, uint64_t c, uint64_t b,
+                    uint32_t time_kind) {
+  r.slot_time[0] = m;
+  r.slot_time[1] = a;
+  r.slot_time[2] = c;
+  r.slot_time[3] = b;
+  r.time_kind = time_kind;
+}
+
+void set_slot_texts(timeline_record& r, std::string_view m, std::string_view a,
+                    std::string_view c, std::string_view b) {
+  r.slot_text[0].assign(m);
+  r.slot_text[1].assign(a);
+  r.slot_text[2].assign(c);
+  r.slot_text[3].assign(b);
+}
+
+void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
+  size_t n = 0;
+  qv::time times[4];
+  bool usable[4] = {};
+  for (int s = 0; s < 4; ++s) {
+    if (r.slot_time[s] == 0) continue;
+    times[s] = qv::time(r.slot_time[s], static_cast<qv::type_time>(r.time_kind));
+    usable[s] = times[s].is_valid();
+  }
+  const size_t extras = r.extra_times.size();
+  r.extra_done.resize(extras, false);
+
+  for (int s = 0; s < 4; ++s) {
+    if (!usable[s]) continue;
+    usable[s] = false;
+    const uint64_t when = times[s].get_filetime();
+    timeline_entry& e = entry_at(entries, n++);
+    e.raw_time = r.slot_time[s];
+    e.time = times[s];
+    bool label_wanted = false;
+    auto take_text = [&](int slot) {
+      if (!r.slot_text[slot].empty()) {
+        join(e.type_text, r.slot_text[slot]);
+      } else if (!r.label.empty()) {
+        label_wanted = true;
+      }
+    };
+    take_text(s);
+
+    // Later slots with the same moment fold into this line.
+    bool folded[4] = {};
+    for (int p = s + 1; p < 4; ++p) {
+      if (usable[p] && times[p].get_filetime() == when) {
+        usable[p] = false;
+        folded[p] = true;
+        take_text(p);
+      }
+    }
+    // Extra times of the same moment count as a change (C).
+    bool extra_folded = false;
+    for (size_t x = 0; x < extras; ++x) {
+      if (r.extra_done[x]) continue;
+      const qv::time t(r.extra_times[x], qv::type_filetime);
+      if (!t.is_valid() || t.get_filetime() != when) continue;
+      r.extra_done[x] = true;
+      extra_folded = true;
+      join(e.type_text, item(r.extra_texts, x));
+      join(e.source_text, item(r.extra_sources, x));
+      join(e.file_text, item(r.extra_files, x));
+    }
+
+    if (s == 3) {
+      e.macb.assign(extra_folded ? "..CB" : "...B");
+    } else {
+      for (int p = 0; p < 4; ++p) {
+        if (p == s || folded[p]) {
+          e.macb.push_back(kLetters[p]);
+        } else if (p == kSlotC && extra_folded) {
+          e.macb.push_back('C');
+        } else if (p == kSlotC && p > s && extras == 0) {
+          // An unmatched C after an M or A letter is only marked when the
+          // record has extra times.
+        } else {
+          e.macb.push_back('.');
+        }
+      }
+    }
+    if (label_wanted) {
+      std::string labelled = r.label;
+      labelled += " [";
+      labelled += e.macb;
+      labelled += ']';
+      join(e.type_text, labelled);
+    }
+  }
+
+  // Extra times that no slot took make lines of their own.
+  for (size_t x = 0; x < extras; ++x) {
+    if (r.extra_done[x]) continue;
+    const qv::time t(r.extra_times[x], qv::type_filetime);
+    if (!t.is_valid() || r.extra_times[x] == 0) continue;
+    r.extra_done[x] = true;
+    timeline_entry& e = entry_at(entries, n++);
+    e.raw_time = r.extra_times[x];
+    e.time = t;
+    e.macb.assign("..C.");
+    e.type_text.assign(item(r.extra_texts, x));
+    e.source_text.assign(item(r.extra_sources, x));
+    e.file_text.assign(item(r.extra_files, x));
+  }
+  entries.resize(n);
+}
+
+void write_timeline_header(std::ostream& out, const std::string& separator, bool pair_datetime) {
+  static const char* const kNames[] = {"timezone", "MACB",    "source", "sourcetype", "type",
+                                       "user",     "host",    "short",  "desc",       "version",
+                                       "filename", "inode",   "notes",  "format",     "extra"};
+  std::string line;
+  if (pair_datetime) {
+    line += "date/time";
+  } else {
+    line += "date";
+    line += separator;
+    line += "time";
+  }
+  for (const char* name : kNames) {
+    line += separator;
+    line += name;
+  }
+  out.write(line.data(), static_cast<std::streamsize>(line.size()));
+}
+
+void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_record& r) {
+  thread_local std::vector<timeline_entry> entries;
+  expand_macb(entries, r);
+  if (header_row_pending) {
+    header_row_pending = false;
+    write_timeline_header(out, r.separator, r.pair_datetime);
+    out.put('\n');
+  }
+
+  thread_local std::string line = [] {
+    std::string s;
+    s.reserve(4096);
+    return s;
+  }();
+  thread_local filetime_text stamp;
+  const std::string& sep = r.separator;
+  for (const timeline_entry& e : entries) {
+    if (!e.time.is_valid()) continue;
+    if (!stamp.set(e.time.get_filetime(), r.datetime_format)) continue;
+    line.clear();
+    if (r.pair_datetime) {
+      if (!r.no_whitespace) line.push_back(' ');
+      stamp.append_date(line);
+      line.push_back(' ');
+      stamp.append_time(line);
+    } else {
+      stamp.append_date(line);
+      line += sep;
+      if (!r.no_whitespace) line.push_back(' ');
+      stamp.append_time(line);
+    }
+    line += sep;
+    line += r.timezone;
+    line += sep;
+    line += e.macb;
+    line += sep;
+    line += e.source_text.empty() ? r.source : e.source_text;
+    line += sep;
+    line += r.sourcetype;
+    line += sep;
+    line += r.type.empty() ? e.type_text : r.type;
+    line += sep;
+    line += e.user_text.empty() ? r.user : e.user_text;
+    line += sep;
+    line += r.host;
+    line += sep;
+
+    // The separator character must not stand inside these texts; line
+    // breaks are flattened in the free texts but not in short or filename.
+    const char from = r.separator_char;
+    const char to = r.sub_separator_char;
+    clean_text(r.short_text, from, to, false);
+    clean_text(r.desc, from, to, true);
+    clean_text(r.filename, from, to, false);
+    clean_text(r.notes, from, to, true);
+    clean_text(r.extra, from, to, true);
+
+    line += r.short_text;
+    line += sep;
+    line += r.desc;
+    line += sep;
+    put_decimal(line, r.version);
+    line += sep;
+    line += e.file_text.empty() ? r.filename : e.file_text;
+    line += sep;
+    line += r.inode;
+    line += sep;
+    line += r.notes;
+    line += sep;
+    line += r.format;
+    line += sep;
+    line += r.extra;
+    line.push_back('\n');
+    out.write(line.data(), static_cast<std::streamsize>(line.size()));
+  }
+}
