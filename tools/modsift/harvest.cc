@@ -1,0 +1,249 @@
+#include "tools/modsift/harvest.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <map>
+
+#include "tools/modsift/layout_words.h"
+#include "tools/modsift/modsift_text.h"
+#include "tools/modsift/wevt_blob.h"
+
+namespace modsift {
+
+namespace {
+
+constexpr size_t kMaxBlobSize = size_t(256) << 20;
+constexpr size_t kMaxMessageTableSize = size_t(16) << 20;
+constexpr size_t kMaxVersionSize = size_t(64) << 10;
+// Real harvests are a few megabytes per file; past this a blob is taken to be
+// built to flood the output.
+constexpr size_t kMaxOutput = size_t(64) << 20;
+
+struct cached_template {
+  bool ok = false;
+  std::string reason;
+  std::string tokens;  // ", L<name>, <word>..." ready for the line
+  bool empty = true;   // no fields at all
+  qv::byte_span binxml;
+};
+
+std::string event_ref(const std::string& guid, const wevt_event& ev) {
+  return "provider {" + guid + "} event " + std::to_string(ev.id) + " version " +
+         std::to_string(ev.version);
+}
+
+}  // namespace
+
+void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_options& opts,
+                  harvest_result& res) {
+  crim_blob cb;
+  std::string reason;
+  if (!read_crim(blob, cb, reason)) {
+    res.problems.push_back("damaged template blob: " + reason);
+    return;
+  }
+  std::string text;
+  size_t provider_lines = 0, template_lines = 0;
+  auto note = [&](const std::string& what) {
+    res.problems.push_back(what);
+    text += "// skipped: " + clean_comment(what) + "\n";
+  };
+  for (const std::string& p : cb.problems) note(p);
+
+  // Each TEMP is converted once, however many events share it. The budget
+  // bounds the property visits of the whole blob: real tables come nowhere
+  // near it, a table of overlapping TEMPs runs out of it.
+  std::map<uint32_t, cached_template> cache;
+  uint64_t budget = 4 * uint64_t(blob.size) + 100000;
+  bool flooded = false;
+
+  for (const wevt_provider& p : cb.providers) {
+    std::string guid = guid_text(p.guid);
+    std::string name = p.name;
+    if (name.empty() && p.message_id != 0xFFFFFFFFu && ctx.message_table.size)
+      message_text_of(ctx.message_table, p.message_id, name);
+    name = clean_provider_name(name);
+    if (!name.empty()) {
+      text += "#{" + guid + "} ! " + name + "\n";
+      ++provider_lines;
+    }
+
+    // The template store keeps the first layout it reads for an identifier,
+    // so the newest version of an event goes first.
+    std::vector<const wevt_event*> events;
+    for (const wevt_event& ev : p.events)
+      if (ev.template_offset != 0) events.push_back(&ev);
+    std::stable_sort(events.begin(), events.end(), [](const wevt_event* a, const wevt_event* b) {
+      return a->id != b->id ? a->id < b->id : a->version > b->version;
+    });
+
+    for (const wevt_event* ev : events) {
+      if (text.size() + res.text.size() > kMaxOutput) {
+        flooded = true;
+        break;
+      }
+      auto it = cache.find(ev->template_offset);
+      if (it == cache.end()) {
+        cached_template c;
+        temp_block t;
+        if (!read_temp(blob, ev->template_offset, t, c.reason)) {
+          c.ok = false;
+        } else if (t.properties.size() > budget) {
+          c.reason = "too many template properties for the size of the blob";
+          budget = 0;
+        } else {
+          budget -= t.properties.size();
+          layout l = layout_of(t, budget);
+          append_layout_tokens(c.tokens, l);
+          c.empty = l.fields.empty();
+          c.binxml = t.binxml;
+          c.ok = true;
+        }
+        it = cache.emplace(ev->template_offset, std::move(c)).first;
+      }
+      const cached_template& c = it->second;
+      if (!c.ok) {
+        note(event_ref(guid, *ev) + ": " + c.reason);
+        continue;
+      }
+      std::string label = clean_field_name(ev->name);
+      if (opts.enc) {
+        text += "// bxml $" + std::to_string(ev->id) + " v" + std::to_string(ev->version) + ": ";
+        append_hex(text, c.binxml.data, c.binxml.size);
+        text += "\n";
+      }
+      text += "{" + guid + "} ! $" + std::to_string(ev->id);
+      if (ctx.build) text += ", #" + std::to_string(ctx.build);
+      if (!label.empty()) text += ", L" + label + ", 0x8001";
+      // An empty template still gets its line: the event is known to carry
+      // no data, and a lone word 0 says so (whatever a payload holds is guessed).
+      if (c.empty && label.empty()) text += ", 0";
+      else text += c.tokens;
+      text += "\n";
+      ++template_lines;
+    }
+    if (flooded) break;
+  }
+  if (flooded) note("output limit reached, the rest of the blob is left out");
+
+  if (provider_lines + template_lines == 0) {
+    res.problems.push_back("the blob names no provider and holds no event template");
+    return;
+  }
+  char head[96];
+  std::snprintf(head, sizeof head, ": format %u.%u, %zu providers, %zu templates\n",
+                unsigned(cb.major), unsigned(cb.minor), cb.providers.size(), template_lines);
+  res.text += "// " + clean_comment(ctx.where) + head;
+  res.text += text;
+  res.provider_lines += provider_lines;
+  res.template_lines += template_lines;
+}
+
+void harvest_input(const input_source& src, const std::string& label, const harvest_options& opts,
+                   harvest_result& res) {
+  std::vector<uint8_t> magic;
+  if (!fetch(src, 0, 4, magic)) {
+    res.problems.push_back("not a PE file or a template blob (too short)");
+    return;
+  }
+  if (std::memcmp(magic.data(), "CRIM", 4) == 0) {
+    if (src.size > kMaxBlobSize) {
+      res.problems.push_back("template blob too large");
+      return;
+    }
+    std::vector<uint8_t> blob;
+    if (!fetch(src, 0, static_cast<size_t>(src.size), blob)) {
+      res.problems.push_back("read error");
+      return;
+    }
+    blob_context ctx;
+    ctx.where = label;
+    harvest_blob(qv::byte_span(blob.data(), blob.size()), ctx, opts, res);
+    return;
+  }
+  if (magic[0] != 'M' || magic[1] != 'Z') {
+    res.problems.push_back("not a PE file or a template blob");
+    return;
+  }
+  pe_image pe;
+  std::string reason;
+  if (!read_pe_headers(src, pe, reason)) {
+    res.problems.push_back(reason);
+    return;
+  }
+  resource_set rs;
+  if (!find_resources(src, pe, rs) || rs.wevt.empty()) {
+    res.problems.push_back("no WEVT_TEMPLATE resource");
+    return;
+  }
+
+  blob_context ctx;
+  std::string version_text;
+  std::vector<uint8_t> data;
+  for (const resource_leaf& leaf : rs.version) {
+    uint16_t v[4];
+    if (read_leaf(src, pe, leaf, kMaxVersionSize, data) &&
+        file_version_of(qv::byte_span(data.data(), data.size()), v)) {
+      ctx.build = v[2];
+      version_text = ", file version " + std::to_string(v[0]) + "." + std::to_string(v[1]) + "." +
+                     std::to_string(v[2]) + "." + std::to_string(v[3]);
+      break;
+    }
+  }
+  // Provider names from the message table: US English when the image has it,
+  // else the first language.
+  std::vector<uint8_t> messages;
+  const resource_leaf* pick = nullptr;
+  for (const resource_leaf& leaf : rs.messages)
+    if (!pick || (leaf.language == 0x409 && pick->language != 0x409)) pick = &leaf;
+  if (pick) read_leaf(src, pe, *pick, kMaxMessageTableSize, messages);
+  ctx.message_table = qv::byte_span(messages.data(), messages.size());
+
+  std::vector<std::vector<uint8_t>> seen;
+  for (const resource_leaf& leaf : rs.wevt) {
+    std::vector<uint8_t> blob;
+    if (!read_leaf(src, pe, leaf, kMaxBlobSize, blob)) {
+      res.problems.push_back("WEVT_TEMPLATE data lies outside the file");
+      continue;
+    }
+    // The same blob under several languages is read once.
+    if (std::find(seen.begin(), seen.end(), blob) != seen.end()) continue;
+    char where[64];
+    if (leaf.name.empty()) std::snprintf(where, sizeof where, " %u", unsigned(leaf.name_id));
+    else where[0] = 0;
+    ctx.where = label + (pe.pe32_plus ? " (PE32+" : " (PE32") + version_text +
+                "), WEVT_TEMPLATE" + (leaf.name.empty() ? std::string(where) : " " + leaf.name);
+    char lang[32];
+    std::snprintf(lang, sizeof lang, " language 0x%04x", unsigned(leaf.language));
+    ctx.where += lang;
+    harvest_blob(qv::byte_span(blob.data(), blob.size()), ctx, opts, res);
+    seen.push_back(std::move(blob));
+  }
+}
+
+bool harvest_file(const std::string& path, const harvest_options& opts, harvest_result& res) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    res.problems.push_back("can't open the file");
+    return false;
+  }
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    res.problems.push_back("not a regular file");
+    return false;
+  }
+  input_source src;
+  src.fd = fd;
+  src.size = static_cast<uint64_t>(st.st_size);
+  harvest_input(src, path, opts, res);
+  ::close(fd);
+  return true;
+}
+
+}  // namespace modsift
