@@ -1,11 +1,13 @@
 // libFuzzer entry: any bytes as a hive. Opens it, walks every key from the
-// root down to a bounded depth, and reads every value and its text, so that
-// each structure the reader knows meets hostile bytes.
+// root down to a bounded depth, reads every value and its text, and lists
+// the publishers key and the root as the tool does, so that each structure
+// the reader knows meets hostile bytes.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "tools/hivewick/hive_reader.h"
+#include "tools/hivewick/hivewick.h"
 
 namespace {
 
@@ -35,5 +37,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (h.root_key(root)) walk(h, root, 0);
   hivewick::key_node found;
   h.find_key("SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\WINEVT\\Publishers", found);
+
+  hivewick::options opts;
+  opts.extract = {"(unnamed)", "MessageFileName"};
+  opts.level = 3;
+  std::string out, err;
+  hivewick::list_key(qv::byte_span(data, size), opts, out, err);
+  opts.key_path = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\WINEVT\\Publishers";
+  opts.level = 1;
+  opts.pair_datetime = true;
+  hivewick::list_key(qv::byte_span(data, size), opts, out, err);
   return 0;
 }

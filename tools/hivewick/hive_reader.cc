@@ -574,27 +574,34 @@ bool hive::find_key(std::string_view path, key_node& out, std::string* missing) 
   }
   size_t i = 0;
   key_node next;
-  if (i < parts.size() && is_hive_alias(parts[i]) && !find_subkey(cur, parts[i], next)) ++i;
-  if (i < parts.size() && !find_subkey(cur, parts[i], next)) {
-    // The root key's own name is arbitrary; a path may start with it or with
-    // the name the hive's file goes by.
-    std::string_view first = parts[i];
-    std::string_view own = base_.file_name;
-    size_t slash = own.find_last_of("\\/");
-    if (slash != std::string_view::npos) own = own.substr(slash + 1);
-    if (names_equal(first, cur.name) || (!own.empty() && names_equal(first, own)) ||
-        is_hive_file_name(first)) {
+  bool found = false;  // `next` is the subkey named parts[i]
+  if (i < parts.size() && is_hive_alias(parts[i])) {
+    found = find_subkey(cur, parts[i], next);
+    if (!found) ++i;
+  }
+  if (!found && i < parts.size()) {
+    found = find_subkey(cur, parts[i], next);
+    if (!found) {
+      // The root key's own name is arbitrary; a path may start with it or
+      // with the name the hive's file goes by.
+      std::string_view first = parts[i];
+      std::string_view own = base_.file_name;
+      size_t slash = own.find_last_of("\\/");
+      if (slash != std::string_view::npos) own = own.substr(slash + 1);
+      if (!names_equal(first, cur.name) && !(!own.empty() && names_equal(first, own)) &&
+          !is_hive_file_name(first)) {
+        if (missing) *missing = std::string(first);
+        return false;
+      }
       ++i;
-    } else {
-      if (missing) *missing = std::string(first);
-      return false;
     }
   }
   for (; i < parts.size(); ++i) {
-    if (!find_subkey(cur, parts[i], next)) {
+    if (!found && !find_subkey(cur, parts[i], next)) {
       if (missing) *missing = std::string(parts[i]);
       return false;
     }
+    found = false;
     cur = std::move(next);
   }
   out = std::move(cur);

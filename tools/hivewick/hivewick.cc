@@ -160,7 +160,8 @@ struct lister {
     // A "#" line declares a provider by its name, so it needs a GUID and a
     // name; anything else is kept as a comment line.
     std::string guid = label.find('\\') == std::string::npos ? guid_of_name(label) : "";
-    bool provider = !guid.empty() && !columns.empty() && !columns[0].empty();
+    bool provider = !guid.empty() && !columns.empty() &&
+                    columns[0].find_first_not_of(" \t") != std::string::npos;
     if (provider) {
       out += "#{";
       out += guid;
@@ -306,7 +307,11 @@ bool parse_options(const std::vector<std::string>& args, options& opts, std::str
 int list_key(qv::byte_span bytes, const options& opts, std::string& out, std::string& err) {
   hive h;
   auto flush_problems = [&] {
-    for (const std::string& p : h.problems()) err += "hivewick: " + p + "\n";
+    for (const std::string& p : h.problems()) {
+      err += "hivewick: ";
+      append_clean(err, p);
+      err += '\n';
+    }
     if (h.problems_dropped() > 0)
       err += "hivewick: " + std::to_string(h.problems_dropped()) + " more problems not shown\n";
     h.clear_problems();
@@ -320,8 +325,13 @@ int list_key(qv::byte_span bytes, const options& opts, std::string& out, std::st
   std::string missing;
   if (!h.find_key(opts.key_path, key, &missing)) {
     flush_problems();
-    err += "hivewick: key not found: " + opts.key_path;
-    if (!missing.empty()) err += " (no subkey \"" + missing + "\")";
+    err += "hivewick: key not found: ";
+    append_clean(err, opts.key_path);
+    if (!missing.empty()) {
+      err += " (no subkey \"";
+      append_clean(err, missing);
+      err += "\")";
+    }
     err += "\n";
     return 1;
   }

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "templates/template_text.h"
+#include "tests/trace_writer.h"
 #include "tools/hivewick/hive_reader.h"
 #include "tools/hivewick/hive_writer.h"
 
@@ -274,13 +275,18 @@ TEST(Hivewick, DamagedHivesAreListedAsFarAsTheyGo) {
   hw::key_spec k{"{55555555-5555-5555-5555-555555555555}", t1};
   k.values.push_back({"", hivewick::REG_SZ, hw::sz("a\r\nb\nc\rd\n\re\tf\x01g")});
   spec.root.subkeys.push_back(k);
+  hw::key_spec blank{"{66666666-6666-6666-6666-666666666666}", 0};
+  blank.values.push_back({"", hivewick::REG_SZ, hw::sz(" \t ")});
+  spec.root.subkeys.push_back(blank);
   hw::written_hive odd = hw::write_hive(spec);
   out.clear();
   o.key_path = "";
   o.pair_datetime = true;
   ASSERT_EQ(hivewick::list_key(qv::byte_span(odd.data.data(), odd.data.size()), o, out, err), 0);
+  // A name of blanks alone is no name: a comment line.
   EXPECT_EQ(out, "#{55555555-5555-5555-5555-555555555555} ! a[CRLF]b[LF]c[CR]d[LFCR]e\tf\\x01g |"
-                 " 2023-04-05 06:07:08.123456700\n");
+                 " 2023-04-05 06:07:08.123456700\n"
+                 "// {66666666-6666-6666-6666-666666666666} !  \t  | \n");
 }
 
 // ---- The programs themselves ------------------------------------------------
@@ -343,6 +349,31 @@ TEST(HivewickProgram, QuonNamesProvidersFromTheHive) {
       << text;
   EXPECT_EQ(text.find("hivewick ver:"), std::string::npos);
   EXPECT_EQ(text.find("\"cmdline: hivewick"), std::string::npos);
+
+  // A trace with one event of that provider: its rows carry the name.
+  tw::log_header_spec lh;
+  lh.buffer_size = 8192;
+  lh.clock = tw::clock_systemtime;
+  lh.start_time = t1;
+  lh.system_time = t1;
+  lh.end_time = t1 + 10000000;
+  tw::etl_writer trace;
+  trace.log_header(lh);
+  tw::event_spec e;
+  e.provider = tw::guid_from_text("1ac55562-d4ff-4bc5-8ef3-a18e07c4668e");
+  e.id = 7;
+  e.time = t1 + 1000;
+  e.payload = {1, 2, 3, 4};
+  trace.add_buffer({tw::event_header_record(e)});
+  std::string etl = dir.file("one.etl");
+  ASSERT_TRUE(trace.write_file(etl));
+  std::string rows_file = dir.file("rows.txt");
+  run_command(std::string(QUON_BINARY) + " -log \"" + etl + "\" -templates \"" + names +
+                  "\" -out \"" + rows_file + "\" 2>&1",
+              status);
+  std::ifstream rows_in(rows_file);
+  std::string rows((std::istreambuf_iterator<char>(rows_in)), {});
+  EXPECT_NE(rows.find("Microsoft-Windows-Test-One"), std::string::npos) << rows;
 #endif
 }
 
