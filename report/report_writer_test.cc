@@ -1,0 +1,405 @@
+#include "report/report_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "run/cmd_params.h"
+#include "support/qv_datetime.h"
+#include "support/qv_time.h"
+
+namespace {
+
+// 2026-03-04 05:06:07.1234567 UTC.
+constexpr uint64_t kStamp = 134170743671234567ULL;
+
+// The option record as the parser leaves it for this program, before any
+// format word.
+void defaults(cmd_params& o) {
+  o.time_format = "hh:mm:ss.xxxxxxxxx";
+  o.header_row_pending = false;
+  qv::parse_datetime_format(o.datetime_format, o.date_format, o.time_format, o.pair_datetime);
+}
+void as_csv(cmd_params& o) {
+  o.format_csv = true;
+  o.separator = ",";
+  o.separator_char = ',';
+  o.sub_separator_char = ' ';
+  o.no_whitespace = !o.pair_datetime;
+}
+void as_no_whitespace(cmd_params& o) {
+  o.no_whitespace = true;
+  o.pad_with_blanks = false;
+  std::string s;
+  for (char c : o.separator) if (c != ' ') s += c;
+  o.separator = s;
+}
+
+void set_columns(cmd_params& o, const std::vector<std::pair<uint16_t, uint64_t>>& cols) {
+  o.column_table.clear();
+  for (const auto& [type, width] : cols) {
+    report_cell c;
+    c.type = type;
+    c.width = width;
+    c.flags = rf_column;
+    c.text = "c" + std::to_string(o.column_table.size());
+    o.column_table.push_back(c);
+  }
+}
+
+std::string write_row(cmd_params& o, const report_row& row) {
+  std::ostringstream s;
+  write_report_row(s, row, o);
+  return s.str();
+}
+
+}  // namespace
+
+TEST(ReportWriter, RowValidityAndSetterCounts) {
+  report_row row;
+  EXPECT_FALSE(init_report_row(row, 0, 0));
+  EXPECT_FALSE(init_report_row(row, -1, 0));
+  EXPECT_FALSE(init_report_row(row, 256, 0));
+  // An invalid row takes nothing and advances the caller by one, even for a
+  // two-cell type.
+  EXPECT_EQ(set_cell_text(row, 0, "x", rt_text, 0), 1);
+  EXPECT_EQ(set_cell_number(row, 0, 1, rt_filetime_two, 0), 1);
+
+  cmd_params o;
+  defaults(o);
+  o.header_row_pending = true;
+  set_columns(o, std::vector<std::pair<uint16_t, uint64_t>>(256, {0, 4}));
+  EXPECT_EQ(write_row(o, row), "");
+  EXPECT_TRUE(o.header_row_pending);  // nothing at all was written
+
+  ASSERT_TRUE(init_report_row(row, 255, 0));
+  EXPECT_EQ(set_cell_text(row, 255, "x", rt_text, 0), 1);   // out of range
+  EXPECT_EQ(set_cell_text(row, -1, "x", rt_text, 0), 1);
+  EXPECT_EQ(set_cell_text(row, 3, "x", 32, 0), 1);          // type 32: stores nothing
+  EXPECT_EQ(row.cells[3].type, 0);
+  EXPECT_EQ(row.cells[3].text, "");
+  EXPECT_EQ(set_cell_number(row, 4, 7, rt_unix_two, 0), 2);
+  EXPECT_EQ(set_cell_number(row, 6, 7, rt_u32, 0x40000000), 1);
+
+  // A reused row starts clean: init resets every cell in range.
+  row.cells[0].text = "stale";
+  ASSERT_TRUE(init_report_row(row, 2, 0x8000));
+  EXPECT_EQ(row.cells[0].text, "");
+  EXPECT_EQ(row.cells[0].max_text, 20);
+  set_cell_number(row, 1, 5, rt_u8, 0x400000);
+  EXPECT_EQ(row.cells[1].flags, 0x408000u);  // default flags OR-ed in
+}
+
+TEST(ReportWriter, StoringQuotesAndFlattening) {
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 6, rf_quote));
+  set_cell_text(row, 0, "abc", rt_text, 0);
+  set_cell_text(row, 1, "", rt_text, 0);
+  set_cell_text(row, 2, "{\"a\":1}", rt_text, 0);
+  set_cell_text(row, 3, "{\"", rt_text, 0);  // not longer than 2: quoted
+  set_cell_text(row, 4, "say \"hi\"", rt_text, 0);
+  std::ostringstream stream;
+  stream << "s" << 12;
+  set_cell_stream(row, 5, stream, rt_text, 0);
+  EXPECT_EQ(row.cells[0].text, "\"abc\"");
+  EXPECT_EQ(row.cells[1].text, "\"\"");
+  EXPECT_EQ(row.cells[2].text, "{\"a\":1}");
+  EXPECT_EQ(row.cells[3].text, "\"{\"\"");
+  EXPECT_EQ(row.cells[4].text, "\"say \"hi\"\"");  // inner quotes left alone
+  EXPECT_EQ(row.cells[5].text, "\"s12\"");
+
+  // Flattening at storing time takes the flags 0x10000 exactly.
+  ASSERT_TRUE(init_report_row(row, 2, 0));
+  set_cell_text(row, 0, "a\nb", rt_text, rf_flatten);
+  set_cell_text(row, 1, "a\nb", rt_text, rf_flatten | rf_right);
+  EXPECT_EQ(row.cells[0].text, "a[LF]b");
+  EXPECT_EQ(row.cells[1].text, "a\nb");
+
+  // The in-place form follows the same rules.
+  ASSERT_TRUE(init_report_row(row, 1, rf_quote));
+  std::string* t = begin_cell_text(row, 0, rt_text, 0);
+  ASSERT_NE(t, nullptr);
+  *t += "data{x}";
+  finish_cell_text(row, 0);
+  EXPECT_EQ(row.cells[0].text, "\"data{x}\"");
+  EXPECT_EQ(begin_cell_text(row, 1, rt_text, 0), nullptr);
+}
+
+TEST(ReportWriter, FlattenLineBreaks) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"abc", "abc"},
+      {"a\r\nb", "a[CRLF]b"},
+      {"a\n\rb", "a[LFCR]b"},
+      {"a\rb", "a[CR]b"},
+      {"\r\r", "[CR][CR]"},
+      {"a\rb\nc", "a\rb[LF]c"},  // a lone CR beside an LF text stays
+      {"\n\r\n", "[LFCR]\n[CRLF]"},
+      {"a\n\nb", "a[LF][LF]b"},
+      {"\r\n\r\n", "[CRLF][CRLF]"},
+      {"x\n", "x[LF]"},
+      {"\xc3\xa9\n\xc3\xa9", "\xc3\xa9[LF]\xc3\xa9"},
+  };
+  for (const auto& [in, want] : cases) {
+    std::string s = in;
+    flatten_line_breaks(s);
+    EXPECT_EQ(s, want) << "input of " << in.size() << " bytes";
+  }
+}
+
+TEST(ReportWriter, ColumnLine) {
+  cmd_params o;
+  defaults(o);
+  set_columns(o, {{rt_filetime, 10}, {rt_untyped, 3}, {rt_untyped, 2}});
+  o.column_table[0].text = "created";
+  o.column_table[2].text = "long name";
+  o.header_row_pending = true;
+  std::ostringstream s;
+  write_column_line(s, o);
+  EXPECT_EQ(s.str(), " created    | c1  | long name\n");
+  EXPECT_FALSE(o.header_row_pending);
+
+  // -csv leaves pad_with_blanks set: the time column keeps its blank.
+  as_csv(o);
+  s.str("");
+  write_column_line(s, o);
+  EXPECT_EQ(s.str(), " created,c1,long name\n");
+
+  as_no_whitespace(o);
+  s.str("");
+  write_column_line(s, o);
+  EXPECT_EQ(s.str(), "created,c1,long name\n");
+
+  // A pending column line comes ahead of the first row only.
+  cmd_params p;
+  defaults(p);
+  set_columns(p, {{rt_untyped, 2}});
+  p.header_row_pending = true;
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 1, 0));
+  set_cell_text(row, 0, "v", rt_text, 0);
+  EXPECT_EQ(write_row(p, row), "c0\nv \n");
+  EXPECT_EQ(write_row(p, row), "v \n");
+}
+
+TEST(ReportWriter, NumbersPadded) {
+  cmd_params o;
+  defaults(o);
+  set_columns(o, {{0, 8}, {0, 10}, {0, 7}, {0, 18}, {0, 3}, {0, 1}, {0, 8}, {0, 4}, {0, 6}, {0, 4}});
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 10, 0));
+  int32_t i = 0;
+  i += set_cell_number(row, i, 42, rt_u16, 0);
+  i += set_cell_number(row, i, 0xa3c, rt_u32, 0);
+  i += set_cell_number(row, i, 0, rt_u8, rf_decimal);
+  i += set_cell_number(row, i, 0x10, rt_u64, rf_hex);
+  i += set_cell_number(row, i, 0x1234, rt_u32, 0);     // wider than its column
+  i += set_cell_number(row, i, 42, rt_u16, 0);         // too narrow for "0x": type digits
+  i += set_cell_number(row, i, 42, rt_u16, rf_arrow);  // "->" takes two of the width
+  i += set_cell_number(row, i, 5, rt_u8, rf_blank | rf_decimal);
+  i += set_cell_number(row, i, 0xa, rt_u32, rf_arrow | rf_hex);
+  i += set_cell_number(row, i, 0, rt_u32, rf_zero_blank);
+  EXPECT_EQ(write_row(o, row),
+            "0x00002a | 0x00000a3c |       0 | 0x0000000000000010 | 0x1234 | 0x002a | "
+            "->0x002a |    5 | ->0x0a |     \n");
+
+  // -base10: plain cells turn decimal, flagged hexadecimal stays.
+  o.base16 = false;
+  ASSERT_TRUE(init_report_row(row, 4, 0));
+  set_cell_number(row, 0, 42, rt_u16, 0);
+  set_cell_number(row, 1, 2620, rt_u32, 0);
+  set_cell_number(row, 2, 3, rt_u8, rf_decimal);
+  set_cell_number(row, 3, 0x10, rt_u64, rf_hex);
+  EXPECT_EQ(write_row(o, row), "      42 |       2620 |       3 | 0x0000000000000010\n");
+}
+
+TEST(ReportWriter, NumbersWithoutWhitespace) {
+  cmd_params o;
+  defaults(o);
+  as_csv(o);
+  set_columns(o, {{0, 8}, {0, 8}, {0, 8}, {0, 8}, {0, 8}, {0, 8}, {0, 8}});
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 7, 0));
+  set_cell_number(row, 0, 5, rt_u8, 0);
+  set_cell_number(row, 1, 42, rt_u16, 0);
+  set_cell_number(row, 2, 0xa3c, rt_u32, 0);
+  set_cell_number(row, 3, 1, rt_u64, 0);
+  set_cell_number(row, 4, 0, rt_u64, rf_hex);
+  set_cell_number(row, 5, 7, rt_u16, rf_decimal);
+  set_cell_number(row, 6, 0x8000000000000010ULL, rt_u64, rf_hex);
+  EXPECT_EQ(write_row(o, row), "0x05,0x002a,0x00000a3c,0x00000001,0x0,7,0x8000000000000010\n");
+}
+
+TEST(ReportWriter, TextCells) {
+  cmd_params o;
+  defaults(o);
+  set_columns(o, {{0, 6}, {0, 4}, {0, 3}, {0, 5}});
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 4, 0));
+  set_cell_text(row, 0, "a|b", rt_text, 0);
+  set_cell_text(row, 1, "abcdefgh", rt_text, 0);  // overruns; later cells shift
+  set_cell_text(row, 2, "x\ny", rt_text, 0);      // padded layout keeps line breaks
+  set_cell_text(row, 3, "a,b", rt_text, rf_blank);
+  EXPECT_EQ(write_row(o, row), "a;b    | abcdefgh | x\ny |  a,b \n");
+
+  // -csv: comma to blank, line breaks flattened, no padding.
+  as_csv(o);
+  ASSERT_TRUE(init_report_row(row, 2, 0));
+  set_cell_text(row, 0, "a,b|c", rt_text, 0);
+  set_cell_text(row, 1, "l1\r\nl2", rt_text, 0);
+  EXPECT_EQ(write_row(o, row), "a b|c,l1[CRLF]l2\n");
+
+  // Another separator text: no character is replaced.
+  o.separator = ":";
+  o.separator_char = 0;
+  o.sub_separator_char = 0;
+  set_cell_text(row, 0, "a:b,c", rt_text, 0);
+  EXPECT_EQ(write_row(o, row), "a:b,c:l1[CRLF]l2\n");
+
+  // -bodyfile: bar to semicolon, padding kept, line breaks flattened.
+  cmd_params b;
+  defaults(b);
+  b.format_bodyfile = true;
+  b.separator = "|";
+  set_columns(b, {{0, 6}, {0, 2}});
+  ASSERT_TRUE(init_report_row(row, 2, 0));
+  set_cell_text(row, 0, "a|b\n", rt_text, 0);
+  set_cell_text(row, 1, "", rt_text, 0);
+  EXPECT_EQ(write_row(b, row), "a;b[LF]|  \n");
+
+  // Quoted fields: stored with quotes, no separator character.
+  cmd_params q;
+  defaults(q);
+  q.quoted_fields = true;
+  q.separator = "|";
+  q.pad_with_blanks = false;
+  q.separator_char = 0;
+  set_columns(q, {{0, 6}, {0, 3}});
+  ASSERT_TRUE(init_report_row(row, 2, rf_quote));
+  set_cell_text(row, 0, "a|b", rt_text, 0);
+  set_cell_number(row, 1, 1, rt_u8, rf_decimal);
+  EXPECT_EQ(write_row(q, row), "\"a|b\" |  1\n");
+}
+
+TEST(ReportWriter, TimeTicksAndGuidCells) {
+  cmd_params o;
+  defaults(o);
+  set_columns(o, {{rt_filetime, 29}, {0, 29}, {0, 36}});
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 3, 0));
+  set_cell_number(row, 0, kStamp, rt_filetime, 0);
+  set_cell_number(row, 1, 1234, rt_ticks, 0);
+  const uint8_t guid[16] = {0x11, 0x2a, 0x0b, 0x5f, 0x3e, 0x7c, 0x10, 0x4d,
+                            0x9a, 0x55, 0x0c, 0x1d, 0x2e, 0x3f, 0x4a, 0x5b};
+  set_cell_bytes(row, 2, guid, 16, rt_guid, 0);
+  EXPECT_EQ(write_row(o, row),
+            " 2026-03-04 05:06:07.123456700 |  0x00000000000004d2            | "
+            "5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b\n");
+
+  // Invalid time: blank, three blanks padded to 29. Short GUID: empty cell.
+  set_cell_number(row, 0, 1, rt_filetime, 0);
+  set_cell_number(row, 1, 1234, rt_ticks, 0);
+  set_cell_bytes(row, 2, guid, 15, rt_guid, 0);
+  o.base16 = false;
+  EXPECT_EQ(write_row(o, row), std::string(30, ' ') + " |  1234" + std::string(25, ' ') + " | " +
+                                   std::string(36, ' ') + "\n");
+  // Flags of exactly 0x400000 keep a ticks cell hexadecimal under -base10.
+  set_cell_number(row, 1, 1234, rt_ticks, rf_hex);
+  EXPECT_EQ(write_row(o, row).substr(33, 20), " 0x00000000000004d2 ");
+
+  // -csv: no blank before a valid time, yet the ticks cell keeps its blank.
+  o.base16 = true;
+  as_csv(o);
+  set_cell_number(row, 0, kStamp, rt_filetime, 0);
+  set_cell_number(row, 1, 1234, rt_ticks, 0);
+  EXPECT_EQ(write_row(o, row), "2026-03-04 05:06:07.123456700, 0x00000000000004d2,\n");
+  set_cell_number(row, 0, 0x8000000000000000ULL, rt_filetime, 0);
+  EXPECT_EQ(write_row(o, row), " , 0x00000000000004d2,\n");
+
+  as_no_whitespace(o);
+  EXPECT_EQ(write_row(o, row), " ,0x00000000000004d2,\n");
+
+  // The time text follows the compiled formats.
+  cmd_params f;
+  defaults(f);
+  f.date_format = "mm/dd/yyyy";
+  f.time_format = "hh:mm:ss";
+  qv::parse_datetime_format(f.datetime_format, f.date_format, f.time_format, false);
+  set_columns(f, {{rt_filetime, 19}});
+  ASSERT_TRUE(init_report_row(row, 1, 0));
+  set_cell_number(row, 0, kStamp, rt_filetime, 0);
+  EXPECT_EQ(write_row(f, row), " 03/04/2026 05:06:07\n");
+}
+
+TEST(ReportWriter, MultilineRecord) {
+  cmd_params o;
+  defaults(o);
+  o.format_multiline = true;
+  o.separator = "";
+  o.separator_char = 0;
+  o.header_row_pending = true;
+  set_columns(o, {{0, 8}, {0, 3}});
+  o.column_table[0].text = "event id";
+  o.column_table[1].text = "name";
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 2, 0));
+  set_cell_number(row, 0, 42, rt_u16, 0);
+  set_cell_text(row, 1, "x|y", rt_text, 0);
+  // Labels get ":" and the longest label plus one as width; the values are
+  // rendered in that width too.
+  EXPECT_EQ(write_row(o, row), "event id: 0x0000002a\nname:     x|y       \n\n");
+  EXPECT_FALSE(o.header_row_pending);
+  EXPECT_EQ(o.column_table[1].text, "name:");
+  EXPECT_EQ(write_row(o, row), "event id: 0x0000002a\nname:     x|y       \n\n");
+}
+
+TEST(ReportWriter, FiletimeTextMatchesFormatDatetime) {
+  struct format_case {
+    const char* date;
+    const char* time;
+  };
+  const format_case formats[] = {
+      {"yyyy-mm-dd", "hh:mm:ss.xxxxxxxxx"}, {"yyyy-mm-dd", "hh:mm:ss.xxx"},
+      {"mm/dd/yy", "hh:mm:ss"},             {"dd-mmm-yy ", "hh:mm:ss.xxxx"},
+      {"yyyymmdd", "hh:mm:ss.xxxxxxx"},     {"yyyy/dd/mm", "hh:mm:ss.xxxxxx"},
+      {"abcdefgh", "hh:mm:ss.xxxxx"},       {"dd/mm/yyyy", "hh:mm:ss.xxxxxxxx"},
+  };
+  const uint64_t ticks[] = {
+      kStamp,
+      kStamp + 1,
+      kStamp + 864000000000ULL - 1,  // next day
+      116444736000000000ULL,         // first second of 1970: refused
+      116444736000000000ULL + 9999999,
+      116444736010000000ULL,
+      94354848000000000ULL,          // 1900-01-01
+      94354848000000000ULL - 1,
+      0,
+      1,
+      0x7fffffffffffffffULL,
+      0x8000000000000000ULL,
+      0xffffffffffffffffULL,
+      125911584000000000ULL + 1234567,  // 2000-01-01
+      159334272009999999ULL,
+  };
+  filetime_text cache;
+  for (const format_case& fc : formats) {
+    for (int empty = 0; empty < 2; ++empty) {
+      qv::datetime_format fmt;
+      if (!empty) qv::parse_datetime_format(fmt, fc.date, fc.time, false);
+      for (uint64_t t : ticks) {
+        const qv::time stamp(t, qv::type_filetime);
+        std::string date, time;
+        qv::format_datetime(date, time, stamp, fmt);
+        ASSERT_EQ(cache.set(t, fmt), stamp.is_valid()) << t;
+        if (!stamp.is_valid()) continue;
+        std::string got_time;
+        cache.append_time(got_time);
+        EXPECT_EQ(cache.date(), date) << fc.date << " " << t;
+        EXPECT_EQ(got_time, time) << fc.time << " " << t;
+      }
+    }
+  }
+}

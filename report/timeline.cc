@@ -148,7 +148,7 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
     usable[s] = times[s].is_valid();
   }
   const size_t extras = r.extra_times.size();
-  r.extra_done.resize(extras, false);
+  r.extra_done.assign(extras, false);
 
   for (int s = 0; s < 4; ++s) {
     if (!usable[s]) continue;

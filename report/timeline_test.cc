@@ -1,0 +1,228 @@
+#include "report/timeline.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "run/cmd_params.h"
+#include "support/qv_datetime.h"
+
+namespace {
+
+// 2026-03-04 05:06:07.1234567 UTC, and one second later.
+constexpr uint64_t kStamp = 134170743671234567ULL;
+constexpr uint64_t kLater = kStamp + 10000000;
+
+// A record set up for an event the way the row writer does it, with the
+// record's own default formats.
+void event_record(timeline_record& r) {
+  reset_timeline_record(r);
+  set_time_slots(r, 0, 0, 0, kStamp, qv::type_filetime);
+  set_slot_texts(r, "", "", "", "ETL Entry");
+  r.source = "ETL";
+  r.sourcetype = "S";
+  r.short_text = "sh";
+  r.desc = "de";
+  r.filename = "f";
+  r.notes = "n";
+  r.format = "quon (ovrelt)";
+  r.extra = "x";
+}
+
+std::string lines(timeline_record& r, bool pending = false) {
+  std::ostringstream s;
+  write_timeline_lines(pending, s, r);
+  return s.str();
+}
+
+}  // namespace
+
+TEST(Timeline, ExpandMacbForEvents) {
+  timeline_record r;
+  std::vector<timeline_entry> entries;
+  event_record(r);
+  expand_macb(entries, r);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].macb, "...B");
+  EXPECT_EQ(entries[0].type_text, "ETL Entry");
+  EXPECT_EQ(entries[0].raw_time, kStamp);
+  EXPECT_EQ(entries[0].time.get_filetime(), kStamp);
+
+  // A B time that isn't valid, or zero, gives no entry.
+  set_time_slots(r, 0, 0, 0, 1, qv::type_filetime);
+  expand_macb(entries, r);
+  EXPECT_TRUE(entries.empty());
+  set_time_slots(r, 0, 0, 0, 0, qv::type_filetime);
+  expand_macb(entries, r);
+  EXPECT_TRUE(entries.empty());
+
+  // A slot without text takes the label with its letters.
+  event_record(r);
+  set_slot_texts(r, "", "", "", "");
+  r.label = "L";
+  expand_macb(entries, r);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].type_text, "L [...B]");
+}
+
+TEST(Timeline, ExpandMacbFolding) {
+  timeline_record r;
+  std::vector<timeline_entry> entries;
+  reset_timeline_record(r);
+  set_slot_texts(r, "m", "a", "c", "b");
+
+  // Equal stamps fold into the first slot's line; an unmatched C after M is
+  // only marked when the record has extra times.
+  set_time_slots(r, kStamp, kStamp, 0, kStamp, qv::type_filetime);
+  expand_macb(entries, r);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].macb, "MAB");
+  EXPECT_EQ(entries[0].type_text, "m; a; b");
+
+  set_time_slots(r, kStamp, 0, kLater, kLater, qv::type_filetime);
+  expand_macb(entries, r);
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].macb, "M..");
+  EXPECT_EQ(entries[0].type_text, "m");
+  EXPECT_EQ(entries[1].macb, "..CB");
+  EXPECT_EQ(entries[1].type_text, "c; b");
+
+  // Extra times: one equal to M folds in as C; another stands alone.
+  set_time_slots(r, kStamp, 0, 0, kLater, qv::type_filetime);
+  r.extra_times = {kStamp, kLater + 10000000};
+  r.extra_texts = {"x1", "x2"};
+  r.extra_sources = {"src1", "src2"};
+  r.extra_files = {"f1", "f2"};
+  expand_macb(entries, r);
+  ASSERT_EQ(entries.size(), 3u);
+  EXPECT_EQ(entries[0].macb, "M.C.");
+  EXPECT_EQ(entries[0].type_text, "m; x1");
+  EXPECT_EQ(entries[0].source_text, "src1");
+  EXPECT_EQ(entries[0].file_text, "f1");
+  EXPECT_EQ(entries[1].macb, "...B");
+  EXPECT_EQ(entries[1].type_text, "b");
+  EXPECT_EQ(entries[2].macb, "..C.");
+  EXPECT_EQ(entries[2].type_text, "x2");
+  EXPECT_EQ(entries[2].file_text, "f2");
+  EXPECT_EQ(entries[2].raw_time, kLater + 10000000);
+
+  // An extra time equal to B makes it "..CB".
+  reset_timeline_record(r);
+  set_time_slots(r, 0, 0, 0, kLater, qv::type_filetime);
+  r.extra_times = {kLater};
+  expand_macb(entries, r);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].macb, "..CB");
+
+  // Unix seconds as the time kind.
+  reset_timeline_record(r);
+  set_time_slots(r, 0, 0, 0, 1700000000, qv::type_unix);
+  expand_macb(entries, r);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].time.get_filetime(), 1700000000ULL * 10000000 + 116444736000000000ULL);
+}
+
+TEST(Timeline, ColumnLine) {
+  std::ostringstream s;
+  write_timeline_header(s, ",", false);
+  EXPECT_EQ(s.str(),
+            "date,time,timezone,MACB,source,sourcetype,type,user,host,short,desc,version,filename,"
+            "inode,notes,format,extra");
+  s.str("");
+  write_timeline_header(s, ";", true);
+  EXPECT_EQ(s.str(),
+            "date/time;timezone;MACB;source;sourcetype;type;user;host;short;desc;version;"
+            "filename;inode;notes;format;extra");
+
+  // Pending: the column line comes once, then the flag is down.
+  timeline_record r;
+  event_record(r);
+  bool pending = true;
+  std::ostringstream out;
+  write_timeline_lines(pending, out, r);
+  EXPECT_FALSE(pending);
+  EXPECT_EQ(out.str().substr(0, 15), "date,time,timez");
+  EXPECT_EQ(out.str().find("date,", 10), std::string::npos);
+}
+
+TEST(Timeline, LineForms) {
+  timeline_record r;
+  event_record(r);
+  // The record's own defaults: "yyyy-mm-dd" and "hh:mm:ss.xxx".
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,"
+                      "quon (ovrelt),x\n");
+
+  r.pair_datetime = true;
+  EXPECT_EQ(lines(r).substr(0, 29), " 2026-03-04 05:06:07.123,UTC,");
+  r.no_whitespace = true;
+  EXPECT_EQ(lines(r).substr(0, 28), "2026-03-04 05:06:07.123,UTC,");
+  r.pair_datetime = false;
+  EXPECT_EQ(lines(r).substr(0, 28), "2026-03-04,05:06:07.123,UTC,");
+
+  // `type` wins over the slot text; user and host as bound.
+  r.type = "T";
+  r.user = "U";
+  r.host = "H";
+  EXPECT_EQ(lines(r).substr(23), ",UTC,...B,ETL,S,T,U,H,sh,de,2,f,,n,quon (ovrelt),x\n");
+}
+
+TEST(Timeline, TextCleanUp) {
+  timeline_record r;
+  event_record(r);
+  r.source = "E,T";
+  r.sourcetype = "S,1";
+  r.short_text = "a,b\nc";
+  r.desc = "d,e\r\nf";
+  r.filename = "/x,y\nz";
+  r.notes = "n,o\rp";
+  r.extra = "e,x\n";
+  // Commas to blanks in short, desc, filename, notes and extra; line breaks
+  // flattened in desc, notes and extra only; source and sourcetype untouched.
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,E,T,S,1,ETL Entry,,,a b\nc,"
+                      "d e[CRLF]f,2,/x y\nz,,n o[CR]p,quon (ovrelt),e x[LF]\n");
+
+  // With no substitute character nothing is replaced.
+  event_record(r);
+  r.separator = "|";
+  r.separator_char = '|';
+  r.sub_separator_char = 0;
+  r.desc = "a|b";
+  EXPECT_NE(lines(r).find("|a|b|"), std::string::npos);
+}
+
+TEST(Timeline, BindOptions) {
+  cmd_params o;
+  o.program_name = "quon";
+  o.user_name = "U1";
+  o.host_name = "H1";
+  o.separator = ";";
+  o.separator_char = ';';
+  o.sub_separator_char = '_';
+  o.no_whitespace = true;
+  o.pair_datetime = true;
+  o.base16 = true;
+  o.time_format = "hh:mm:ss";
+  qv::parse_datetime_format(o.datetime_format, "dd/mm/yyyy", o.time_format, true);
+  timeline_record r;
+  event_record(r);
+  bind_timeline_options(r, o);
+  EXPECT_EQ(r.format, "quon (ovrelt)");
+  EXPECT_EQ(r.user, "U1");
+  EXPECT_EQ(r.host, "H1");
+  EXPECT_TRUE(r.base16);
+  r.short_text = "a;b";
+  EXPECT_EQ(lines(r), "04/03/2026 05:06:07;UTC;...B;ETL;S;ETL Entry;U1;H1;a_b;de;2;f;;n;"
+                      "quon (ovrelt);x\n");
+
+  // Reset brings back every default, the formats included.
+  reset_timeline_record(r);
+  EXPECT_EQ(r.format, "-csvl2t");
+  EXPECT_EQ(r.separator, ",");
+  EXPECT_EQ(r.timezone, "UTC");
+  EXPECT_EQ(r.version, 2u);
+  EXPECT_TRUE(r.user.empty());
+  EXPECT_FALSE(r.base16);
+  EXPECT_EQ(r.datetime_format.fraction_digits(), 3u);
+}
