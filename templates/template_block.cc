@@ -13,17 +13,17 @@
 // The fixed location record. It sits in the executable's read-only data with
 // zeros behind its magic; after linking, the build step finds the magic in the
 // file, appends the block and writes the block's offset and length (u32,
-// little-endian) behind it. The object is volatile so that the compiler reads
-// the patched bytes at run time instead of folding the zeros it was built
-// with, and it has C linkage so the link can be told to keep it.
+// little-endian) behind it. It is read only through volatile accesses, so the
+// compiler reads the patched bytes at run time instead of folding the zeros
+// it was built with, and it has C linkage so the link can be told to keep it.
 extern "C" {
 struct quon_block_location_record {
   uint8_t magic[16];
   uint8_t block_offset[4];
   uint8_t block_length[4];
 };
-extern const volatile quon_block_location_record quon_embedded_block_location;
-__attribute__((used)) const volatile quon_block_location_record quon_embedded_block_location = {
+extern const quon_block_location_record quon_embedded_block_location;
+__attribute__((used)) const quon_block_location_record quon_embedded_block_location = {
     {QUON_BLOCK_LOCATION_MAGIC}, {0, 0, 0, 0}, {0, 0, 0, 0}};
 }
 
@@ -42,8 +42,9 @@ void report_unpack_problem() { std::fputs("Problem unpacking chunk data\n", stde
 }  // namespace
 
 bool embedded_block_location(uint32_t& block_offset, uint32_t& block_length) {
-  block_offset = volatile_u32(quon_embedded_block_location.block_offset);
-  block_length = volatile_u32(quon_embedded_block_location.block_length);
+  const volatile quon_block_location_record& record = quon_embedded_block_location;
+  block_offset = volatile_u32(record.block_offset);
+  block_length = volatile_u32(record.block_length);
   return block_offset != 0 && block_length != 0;
 }
 
