@@ -60,30 +60,31 @@ void pad_centred(std::string& out, size_t start, uint64_t width) {
 
 void put_decimal(std::string& out, uint64_t v) {
   char buf[20];
-  size_t n = 0;
+  size_t at = sizeof(buf);
   do {
-    buf[n++] = static_cast<char>('0' + v % 10);
+    buf[--at] = static_cast<char>('0' + v % 10);
     v /= 10;
   } while (v != 0);
-  while (n > 0) out.push_back(buf[--n]);
+  out.append(buf + at, sizeof(buf) - at);
 }
 
 // Lower-case hexadecimal, zero-filled to `digits` (at most kMaxPad).
 void put_hex(std::string& out, uint64_t v, uint64_t digits) {
   char buf[16];
-  size_t n = 0;
+  size_t at = sizeof(buf);
   do {
-    buf[n++] = kHexDigits[v & 0xF];
+    buf[--at] = kHexDigits[v & 0xF];
     v >>= 4;
   } while (v != 0);
+  const size_t n = sizeof(buf) - at;
   if (digits > kMaxPad) digits = kMaxPad;
   if (digits > n) out.append(static_cast<size_t>(digits - n), '0');
-  while (n > 0) out.push_back(buf[--n]);
+  out.append(buf + at, n);
 }
 
-void put_two(std::string& out, uint32_t v) {
-  out.push_back(static_cast<char>('0' + v / 10 % 10));
-  out.push_back(static_cast<char>('0' + v % 10));
+void put_two(char* p, uint32_t v) {
+  p[0] = static_cast<char>('0' + v / 10 % 10);
+  p[1] = static_cast<char>('0' + v % 10);
 }
 
 // Hexadecimal digits of a number type when no width applies.
@@ -576,24 +577,26 @@ bool filetime_text::set(uint64_t ticks, const qv::datetime_format& fmt) {
 }
 
 void filetime_text::append_time(std::string& out) const {
-  const uint64_t seconds = ticks_ / kTicksPerSecond;
-  const uint32_t of_day = static_cast<uint32_t>(seconds % 86400);
-  put_two(out, of_day / 3600);
-  out.push_back(':');
-  put_two(out, of_day / 60 % 60);
-  out.push_back(':');
-  put_two(out, of_day % 60);
-  if (digits_ == 0) return;
-  // The fraction is cut, never rounded: nanoseconds cut to `digits_` places.
+  // "hh:mm:ss" and the fraction, cut (never rounded) from the nanoseconds to
+  // `digits_` places.
   static constexpr uint64_t kPowers[10] = {1,      10,      100,      1000,      10000,
                                            100000, 1000000, 10000000, 100000000, 1000000000};
-  const uint64_t nanos = ticks_ % kTicksPerSecond * 100;
-  out.push_back('.');
-  uint64_t v = nanos / kPowers[9 - digits_];
-  char buf[9];
-  for (uint32_t k = digits_; k > 0; --k) {
-    buf[k - 1] = static_cast<char>('0' + v % 10);
-    v /= 10;
+  char buf[18];
+  const uint32_t of_day = static_cast<uint32_t>(ticks_ / kTicksPerSecond % 86400);
+  put_two(buf, of_day / 3600);
+  buf[2] = ':';
+  put_two(buf + 3, of_day / 60 % 60);
+  buf[5] = ':';
+  put_two(buf + 6, of_day % 60);
+  size_t n = 8;
+  if (digits_ != 0) {
+    buf[n++] = '.';
+    uint64_t v = ticks_ % kTicksPerSecond * 100 / kPowers[9 - digits_];
+    for (uint32_t k = digits_; k > 0; --k) {
+      buf[n + k - 1] = static_cast<char>('0' + v % 10);
+      v /= 10;
+    }
+    n += digits_;
   }
-  out.append(buf, digits_);
+  out.append(buf, n);
 }

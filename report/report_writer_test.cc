@@ -188,9 +188,10 @@ TEST(ReportWriter, ColumnLine) {
 TEST(ReportWriter, NumbersPadded) {
   cmd_params o;
   defaults(o);
-  set_columns(o, {{0, 8}, {0, 10}, {0, 7}, {0, 18}, {0, 3}, {0, 1}, {0, 8}, {0, 4}, {0, 6}, {0, 4}});
+  set_columns(o, {{0, 8}, {0, 10}, {0, 7}, {0, 18}, {0, 3}, {0, 1}, {0, 8}, {0, 4}, {0, 6}, {0, 4},
+                  {0, 2}});
   report_row row;
-  ASSERT_TRUE(init_report_row(row, 10, 0));
+  ASSERT_TRUE(init_report_row(row, 11, 0));
   int32_t i = 0;
   i += set_cell_number(row, i, 42, rt_u16, 0);
   i += set_cell_number(row, i, 0xa3c, rt_u32, 0);
@@ -202,9 +203,10 @@ TEST(ReportWriter, NumbersPadded) {
   i += set_cell_number(row, i, 5, rt_u8, rf_blank | rf_decimal);
   i += set_cell_number(row, i, 0xa, rt_u32, rf_arrow | rf_hex);
   i += set_cell_number(row, i, 0, rt_u32, rf_zero_blank);
+  i += set_cell_number(row, i, 42, rt_u16, 0);         // room for "0x" only: no zero-fill
   EXPECT_EQ(write_row(o, row),
             "0x00002a | 0x00000a3c |       0 | 0x0000000000000010 | 0x1234 | 0x002a | "
-            "->0x002a |    5 | ->0x0a |     \n");
+            "->0x002a |    5 | ->0x0a |      | 0x2a\n");
 
   // -base10: plain cells turn decimal, flagged hexadecimal stays.
   o.base16 = false;

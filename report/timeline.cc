@@ -70,6 +70,23 @@ void put_decimal(std::string& out, uint64_t v) {
   while (n > 0) out.push_back(buf[--n]);
 }
 
+void append_timeline_header(std::string& line, const std::string& separator, bool pair_datetime) {
+  static const char* const kNames[] = {"timezone", "MACB",    "source", "sourcetype", "type",
+                                       "user",     "host",    "short",  "desc",       "version",
+                                       "filename", "inode",   "notes",  "format",     "extra"};
+  if (pair_datetime) {
+    line += "date/time";
+  } else {
+    line += "date";
+    line += separator;
+    line += "time";
+  }
+  for (const char* name : kNames) {
+    line += separator;
+    line += name;
+  }
+}
+
 }  // namespace
 
 void reset_timeline_record(timeline_record& r) {
@@ -232,21 +249,8 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
 }
 
 void write_timeline_header(std::ostream& out, const std::string& separator, bool pair_datetime) {
-  static const char* const kNames[] = {"timezone", "MACB",    "source", "sourcetype", "type",
-                                       "user",     "host",    "short",  "desc",       "version",
-                                       "filename", "inode",   "notes",  "format",     "extra"};
   std::string line;
-  if (pair_datetime) {
-    line += "date/time";
-  } else {
-    line += "date";
-    line += separator;
-    line += "time";
-  }
-  for (const char* name : kNames) {
-    line += separator;
-    line += name;
-  }
+  append_timeline_header(line, separator, pair_datetime);
   out.write(line.data(), static_cast<std::streamsize>(line.size()));
 }
 
@@ -255,8 +259,10 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
   expand_macb(entries, r);
   if (header_row_pending) {
     header_row_pending = false;
-    write_timeline_header(out, r.separator, r.pair_datetime);
-    out.put('\n');
+    std::string head;
+    append_timeline_header(head, r.separator, r.pair_datetime);
+    head.push_back('\n');
+    out.write(head.data(), static_cast<std::streamsize>(head.size()));
   }
 
   thread_local std::string line = [] {
