@@ -321,9 +321,10 @@ TEST(EventRow, ShortHeaderRows) {
   o.session_name = "<not available>";
   std::ostringstream zero;
   write_short_header_row(block, zero, o);
+  write_short_header_row(nullptr, zero, o);  // no block reads as zeros
   const std::string z = zero.str();
-  EXPECT_EQ(z.substr(z.find('\n') + 1),
-            " 0x0000000000000000,<header info only>,,<not available>,,,,,,,,,,,,\n");
+  const std::string zero_row = " 0x0000000000000000,<header info only>,,<not available>,,,,,,,,,,,,\n";
+  EXPECT_EQ(z.substr(z.find('\n') + 1), zero_row + zero_row);
 
   qv::wr_u64(block + 24, kStamp);
   std::ostringstream valid;

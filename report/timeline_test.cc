@@ -135,16 +135,6 @@ TEST(Timeline, ColumnLine) {
   EXPECT_EQ(s.str(),
             "date/time;timezone;MACB;source;sourcetype;type;user;host;short;desc;version;"
             "filename;inode;notes;format;extra");
-
-  // Pending: the column line comes once, then the flag is down.
-  timeline_record r;
-  event_record(r);
-  bool pending = true;
-  std::ostringstream out;
-  write_timeline_lines(pending, out, r);
-  EXPECT_FALSE(pending);
-  EXPECT_EQ(out.str().substr(0, 15), "date,time,timez");
-  EXPECT_EQ(out.str().find("date,", 10), std::string::npos);
 }
 
 TEST(Timeline, LineForms) {
@@ -215,14 +205,4 @@ TEST(Timeline, BindOptions) {
   r.short_text = "a;b";
   EXPECT_EQ(lines(r), "04/03/2026 05:06:07;UTC;...B;ETL;S;ETL Entry;U1;H1;a_b;de;2;f;;n;"
                       "quon (ovrelt);x\n");
-
-  // Reset brings back every default, the formats included.
-  reset_timeline_record(r);
-  EXPECT_EQ(r.format, "-csvl2t");
-  EXPECT_EQ(r.separator, ",");
-  EXPECT_EQ(r.timezone, "UTC");
-  EXPECT_EQ(r.version, 2u);
-  EXPECT_TRUE(r.user.empty());
-  EXPECT_FALSE(r.base16);
-  EXPECT_EQ(r.datetime_format.fraction_digits(), 3u);
 }
