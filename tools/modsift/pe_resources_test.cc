@@ -212,6 +212,16 @@ TEST(PeResources, DamagedImages) {
   EXPECT_FALSE(rva_to_offset(mem(good), pe, 0x0FFF, 2, off));  // straddles headers and section
   EXPECT_TRUE(rva_to_offset(mem(good), pe, 0x3C, 4, off));      // in the headers
   EXPECT_EQ(off, 0x3Cu);
+  // A section whose raw size is smaller than what follows it in the file:
+  // the bytes behind its raw data belong to no section.
+  b = good;
+  b[lay.section_table + 16] = 0x10;  // SizeOfRawData 0x10
+  b[lay.section_table + 17] = 0;
+  ASSERT_TRUE(read_pe_headers(mem(b), pe, reason));
+  EXPECT_TRUE(rva_to_offset(mem(b), pe, 0x1000, 0x10, off));
+  EXPECT_FALSE(rva_to_offset(mem(b), pe, 0x1000, 0x11, off));
+  EXPECT_FALSE(rva_to_offset(mem(b), pe, 0x1010, 1, off));
+  ASSERT_TRUE(read_pe_headers(mem(good), pe, reason));
 
   // Every prefix of the image: no crash, no read outside.
   for (size_t n = 0; n < good.size(); n += 7) {

