@@ -1,0 +1,105 @@
+// Fuzz target for payload decoding: arbitrary bytes as a payload walked by
+// a template taken from the input, as a TraceLogging schema, and as input to
+// the guessing engine and the device formatters. Everything read must stay
+// inside the input, which stands for the trace buffer.
+//
+// Input layout:
+//   byte 0       mode: bit 0 pointers are 64-bit, bits 1-2 what to run
+//   byte 1       n, the number of template words (0 to 31)
+//   2n bytes     the words, little-endian
+//   byte         where the payload starts within the rest (mod its size)
+//   the rest     payload, then bytes of the buffer behind it
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "decode/decoded_field.h"
+#include "decode/device_formatters.h"
+#include "decode/guess.h"
+#include "decode/payload_decoder.h"
+#include "decode/render.h"
+#include "decode/tracelogging.h"
+#include "support/byte_reader.h"
+#include "templates/template_store.h"
+
+namespace {
+
+const char* const kNames[] = {"", "A", "Name", "Pad", "skip", "x"};
+
+void render(decoded_fields& fields) {
+  thread_local std::string out;
+  out.clear();
+  render_fields(out, fields);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 3) return 0;
+  const uint8_t mode = data[0];
+  const bool pointers_are_64 = mode & 1;
+  const uint32_t count = data[1] & 31;
+  size_t pos = 2;
+  if (size - pos < size_t{count} * 2 + 1) return 0;
+
+  event_template tmpl;
+  for (uint32_t i = 0; i < count; ++i) {
+    tmpl.words.push_back(qv::rd_u16(data, size, pos));
+    tmpl.names.push_back(kNames[data[pos] % (sizeof kNames / sizeof kNames[0])]);
+    pos += 2;
+  }
+  const uint8_t split = data[pos++];
+  const uint8_t* rest = data + pos;
+  const size_t rest_size = size - pos;
+  const uint8_t* end = data + size;
+  // The payload may stop short of the buffer's end, so that fixed-width
+  // reads run on into the bytes behind it.
+  const size_t payload_size = rest_size == 0 ? 0 : rest_size - (split % (rest_size + 1));
+
+  decoded_fields fields;
+  const uint64_t base = 0x10000;
+  switch ((mode >> 1) & 3) {
+    case 0: {
+      walk_template(tmpl, fields, rest, uint32_t(payload_size), end, base, pointers_are_64);
+      render(fields);
+      template_store store;
+      qv::guid16 guid{};
+      tmpl.digest = template_digest{{1}};
+      store.templates.push_back(tmpl);
+      store.by_digest[tmpl.digest] = 0;
+      store.providers[guid].events[1][0] = tmpl.digest;
+      bool guessed = false;
+      decode_payload(fields, base, &guid, 1, rest, uint32_t(payload_size), end, &store,
+                     pointers_are_64, false, guessed);
+      render(fields);
+      break;
+    }
+    case 1: {
+      event_template schema;
+      if (parse_tracelogging_schema(rest, uint32_t(rest_size), schema)) {
+        const size_t used = qv::rd_u16(rest, rest_size, 0);
+        const size_t behind = used < rest_size ? used : rest_size;
+        walk_template(schema, fields, rest + behind, uint32_t(rest_size - behind), end, base,
+                      pointers_are_64);
+        render(fields);
+      }
+      break;
+    }
+    case 2:
+      guess_payload(fields, base, rest, uint32_t(payload_size), false);
+      render(fields);
+      break;
+    default: {
+      const uint16_t code = uint16_t(0x8006 + (split % 18));
+      if (rest_size == 0) break;
+      if (run_device_formatter(code, fields, rest, int32_t(payload_size), end, base,
+                               pointers_are_64) < 0) {
+        format_sqm_payload(fields, rest, int32_t(payload_size), end, base);
+        format_usb_iso_packets(fields, rest, int32_t(payload_size), end, base, split);
+      }
+      render(fields);
+      break;
+    }
+  }
+  return 0;
+}
