@@ -79,7 +79,6 @@ bool append_template_record(std::vector<uint8_t>& out, const template_record& r)
   const bool has_range = r.range_hi != 0;
   const size_t size = 1 + 2 * r.builds.size() + 16 + 2 + 1 + (has_range ? 4 : 0) + 1 +
                       2 * r.ids.size() + 1 + 4 * r.words.size();
-  out.reserve(out.size() + 2 + size);
   put_u16(out, uint16_t(size));  // at most 2,071 bytes
   out.push_back(uint8_t(r.builds.size()));
   for (uint16_t b : r.builds) put_u16(out, b);

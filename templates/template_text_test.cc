@@ -237,3 +237,47 @@ TEST(TemplateText, FilesAndLineBreaks) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(TemplateText, HostileLines) {
+  // Random lines over the characters that matter to the format: nothing may
+  // fault (the sanitizer build checks), and every record keeps its lists in
+  // step.
+  const std::string alphabet = "{}#!$%,;-LCx0'o19aF/ \t";
+  uint32_t seed = 7;
+  auto next = [&seed](uint32_t n) {
+    seed = seed * 1103515245u + 12345u;
+    return (seed >> 8) % n;
+  };
+  std::vector<std::string> lines;
+  for (int i = 0; i < 20000; ++i) {
+    std::string line = i % 3 ? std::string(G) + " ! " : std::string();
+    size_t n = next(60);
+    for (size_t k = 0; k < n; ++k) line += alphabet[next(uint32_t(alphabet.size()))];
+    lines.push_back(line);
+  }
+  template_source s;
+  reset(s);
+  add_template_lines(s, lines);
+  for (const template_record& r : s.records) {
+    EXPECT_EQ(r.names.size(), r.words.size());
+    if (!r.words.empty()) EXPECT_EQ(r.name_indices.size(), r.words.size());
+  }
+  template_store store;
+  link_templates(s, store, false);
+
+  // Repeating the widest range merges into one record whose identifiers are
+  // bounded.
+  lines.assign(20, std::string(G) + " ! $0-65535, 8");
+  lines[0] = std::string(G) + " ! $1-65535, 8";
+  template_source wide;
+  reset(wide);
+  add_template_lines(wide, lines);
+  ASSERT_EQ(wide.records.size(), 1u);
+  EXPECT_EQ(wide.records[0].ids.size(), max_merged_ids);
+  link_templates(wide, store, false);
+  EXPECT_EQ(store.providers.begin()->second.events.size(), 65536u);
+}
+
+}  // namespace
