@@ -17,6 +17,9 @@
 
 namespace e2e {
 
+// What erases the status line on standard error: ESC [2K, CR, 27 blanks, CR.
+inline const std::string kStatusEraser = "\x1b[2K\r" + std::string(27, ' ') + "\r";
+
 struct run_result {
   std::string out;
   std::string err;

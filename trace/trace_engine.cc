@@ -20,29 +20,34 @@ size_t record_list::lower_bound(uint64_t key) const {
   size_t lo = 0, hi = count_;
   while (lo < hi) {
     size_t mid = lo + (hi - lo) / 2;
-    if (items_[mid].file_offset < key) lo = mid + 1; else hi = mid;
+    if (keys_[mid] < key) lo = mid + 1; else hi = mid;
   }
   return lo;
 }
 
 bool record_list::contains(uint64_t key) const {
   size_t i = lower_bound(key);
-  return i < count_ && items_[i].file_offset == key;
+  return i < count_ && keys_[i] == key;
 }
 
 etl_record* record_list::add(uint64_t key) {
   size_t i = count_;
-  if (count_ != 0 && items_[count_ - 1].file_offset >= key) {
+  if (count_ != 0 && keys_[count_ - 1] >= key) {
     i = lower_bound(key);
-    if (i < count_ && items_[i].file_offset == key) return nullptr;
+    if (i < count_ && keys_[i] == key) return nullptr;
   }
-  if (items_.size() == count_) items_.emplace_back();
+  if (items_.size() == count_) {
+    items_.emplace_back();
+    keys_.push_back(0);
+  }
   if (i != count_) {
-    std::rotate(items_.begin() + static_cast<std::ptrdiff_t>(i),
-                items_.begin() + static_cast<std::ptrdiff_t>(count_),
-                items_.begin() + static_cast<std::ptrdiff_t>(count_ + 1));
+    // Bring the spare entry at `count_` to position `i`.
+    const auto at = static_cast<std::ptrdiff_t>(i), live = static_cast<std::ptrdiff_t>(count_);
+    std::rotate(items_.begin() + at, items_.begin() + live, items_.begin() + live + 1);
+    std::rotate(keys_.begin() + at, keys_.begin() + live, keys_.begin() + live + 1);
   }
   ++count_;
+  keys_[i] = key;
   etl_record& r = items_[i];
   r.reset();
   r.file_offset = key;

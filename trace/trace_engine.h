@@ -38,11 +38,14 @@
 
 class cmd_params;
 
-// The records of one buffer, ordered by file offset, one record per offset.
-// Entries beyond the live count keep their storage for the next buffer.
+// The records of one buffer, ordered by key, one record per key. The key is
+// the record's file offset, except for a placeholder, which is keyed by the
+// record behind the damage it marks. Entries beyond the live count keep their
+// storage for the next buffer.
 class record_list {
  public:
-  // A reset record at `key`, or nullptr when the key is taken.
+  // A reset record at `key` (its file_offset set to the key), or nullptr
+  // when the key is taken.
   etl_record* add(uint64_t key);
   bool contains(uint64_t key) const;
   size_t size() const { return count_; }
@@ -54,6 +57,7 @@ class record_list {
  private:
   size_t lower_bound(uint64_t key) const;
   std::vector<etl_record> items_;
+  std::vector<uint64_t> keys_;  // parallel to items_
   size_t count_ = 0;
 };
 
