@@ -147,3 +147,86 @@ TEST(EndToEnd, EnumdirWalksFilesBeforeSubfoldersToTheGivenDepth) {
   EXPECT_NE(r.out.find("three.etl\n"), std::string::npos);
   EXPECT_EQ(run_quon("-quiet -enumdir " + dir.path("missing") + " -num_subdirs 1").status, 0);
 }
+
+namespace {
+
+// The layout and name of the sample trace's manifest events, as a user's
+// template file gives them.
+const char kAcmeTemplates[] =
+    "// the sample provider\n"
+    "#{5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b} ! Acme-Trace-Provider\n"
+    "{5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b} ! $42, LPid, 8, LImage, 2\n";
+
+}  // namespace
+
+// The whole default output of the sample trace. Every value was worked out
+// from the bytes the trace writer puts in the sample: QPC clock at 1e7 Hz,
+// StartTime 2026-03-04 05:06:07.1234567 for the raw counter 1e9.
+TEST(EndToEnd, SampleTraceWholeOutput) {
+  e2e::temp_dir dir;
+  const std::string trace = dir.write("a.etl", tw::sample_trace());
+  e2e::write_text(dir.path("acme.txt"), kAcmeTemplates);
+  run_result r = run_quon("-quiet -templates " + dir.path("acme.txt") + " -log " + trace);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");
+  const std::string expected =
+      "quon ver: 0.31\n"
+      "// run at: <time>\n"
+      "// command line: " + std::string(QUON_BINARY) + " -quiet -templates " + dir.path("acme.txt") + " -log " + trace + "\n"
+      "---------------------\n"
+      "file: " + trace + "\n"
+      "orig source path: c:\\logs\\a.etl\n"
+      " created [utc or #ticks]       | provider guid                        | provider name                        | session name                         | activity id                          | event id | process id | thread id | channel | level | opcode | task id | keywords           | processor time     | processor | extra data      \n"
+      " 2026-03-04 05:06:07.123456700 | <header info only>                   |                                      | Sample Session                       |                                      |          | 0x00001234 | 0x0005678 |         |       |        |         |                    | 0x0000000000000000 |           | "
+      "data{\"00-TimeType:QPC time\";\"01-Version:0x0a000000\";\"02-NumProcessors:4\";\"03-EndTime:2026-03-04T05:07:47.123456700Z\";"
+      "\"04-TimerRes:0x0002625a\";\"05-LogfileMode:0x00000001\";\"06-CPUSpeed:0x00000bb8\";\"07-TimezoneBias:0\";\"08-DaylightBias:0\";"
+      "\"09-BootTime:2026-03-04T03:53:20.000000000Z\";\"10-PerfFreq:0x01dcab8a70c3f800\";\"11-LogfileName:c:/logs/a.etl\"}\n"
+      // The worked example row, at the 100-ns resolution of a FILETIME.
+      " 2026-03-04 05:06:07.123456700 | 5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b | Acme-Trace-Provider                  | Sample Session                       | 00000000-0000-0000-0000-000000000000 | 0x00002a | 0x00000a3c | 0x0001b34 |       0 |     4 |      1 |       7 | 0x8000000000000010 | 0x0000000000000000 |         3 | data{\"01-Pid\":\"0x00000a3c\";\"02-Image\":\"a.exe\"}\n"
+      // A classic process start, decoded through the embedded database.
+      " 2026-03-04 05:06:07.133456700 | 3d6fa8d0-fe05-11d0-9dda-00c04fd7ba7c | Kernel-Process-Trace                 | Sample Session                       | 00000000-0000-0000-0000-000000000000 | 0x000301 | 0x00000004 | 0x0000044 |       0 |     0 |      0 |       0 | 0x0000000000000000 | 0x0000000000000000 |         3 | "
+      "data{\"01-Process_Start\":\"{guess}\";\"02-UniqueProcessKey\":\"0xffff8a0c12345678\";\"03-ProcessId\":\"0x00000a3c\";\"04-ParentId\":\"0x00000004\";"
+      "\"05-SessionId\":\"0x00000001\";\"06-ExitStatus\":\"0x00000103\";\"07-DirectoryTableBase\":\"0x00000001aa000000\";\"08-Flags\":\"0x00000000\";"
+      "\"09-TokenUserSid\":\"0xffff8a0c00001000\";\"10-TokenUserAttributes\":\"0x0000000000000000\";\"11-UserSID\":\"S-1-5-18\";"
+      "\"12-ImageFileName\":\"cmd.exe\";\"13-CommandLine\":\"cmd.exe /c dir\";\"14-PackageFullName\":\"-\";\"15-ApplicationId\":\"-\"}\n"
+      // A TraceLogging event: its schema names the fields.
+      " 2026-03-04 05:06:07.143456700 | 2a576b87-09a7-520e-c21a-4942f0271d67 | Microsoft-Antimalware-Scan-Interface | Sample Session                       | 00000000-0000-0000-0000-000000000000 | 0x000000 | 0x00000990 | 0x0000991 |       0 |     4 |      0 |       0 | 0x0000000000000000 | 0x0000000000000000 |         3 | "
+      "data{\"01-TestEvent\":\"{guess}\";\"02-b\":\"Hello\";\"03-c\":\"World!\"}\n"
+      // The second buffer, of processor 1, with an 0xC013 header.
+      " 2026-03-04 05:06:07.163456700 | 5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b | Acme-Trace-Provider                  | Sample Session                       | 00000000-0000-0000-0000-000000000000 | 0x00002a | 0x00000a3c | 0x0001b34 |       0 |     4 |      1 |       7 | 0x8000000000000010 | 0x0000000000000000 |         1 | data{\"01-Pid\":\"0x04030201\";\"02-Image\":\"notepad.exe\"}\n";
+  EXPECT_EQ(e2e::without_run_time(r.out), expected);
+}
+
+TEST(EndToEnd, SampleTraceWorkedExampleUnderCsvAndTimeline) {
+  e2e::temp_dir dir;
+  const std::string trace = dir.write("a.etl", tw::sample_trace());
+  e2e::write_text(dir.path("acme.txt"), kAcmeTemplates);
+  run_result r = run_quon("-quiet -csv -templates " + dir.path("acme.txt") + " -log " + trace);
+  EXPECT_NE(r.out.find("\n created [utc or #ticks],provider guid,provider name,session name,activity id,event id,"
+                       "process id,thread id,channel,level,opcode,task id,keywords,processor time,processor,extra data\n"),
+            std::string::npos);
+  EXPECT_NE(r.out.find("\n2026-03-04 05:06:07.123456700,5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b,Acme-Trace-Provider,"
+                       "Sample Session,00000000-0000-0000-0000-000000000000,0x002a,0x00000a3c,0x00001b34,0,4,1,7,"
+                       "0x8000000000000010,0x0,3,data{\"01-Pid\":\"0x00000a3c\";\"02-Image\":\"a.exe\"}\n"),
+            std::string::npos);
+
+  r = run_quon("-quiet -csvl2t -hostname H1 -username U1 -templates " + dir.path("acme.txt") + " -log " + trace);
+  EXPECT_NE(r.out.find("\ndate,time,timezone,MACB,source,sourcetype,type,user,host,short,desc,version,filename,"
+                       "inode,notes,format,extra\n"),
+            std::string::npos);
+  EXPECT_NE(r.out.find("\n2026-03-04, 05:06:07.123456700,UTC,...B,ETL,Sample Session,ETL Entry,U1,H1,"
+                       "{5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b}; Event: 0x002a,"
+                       "{5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b}; Event: 0x002a; ProcID: 0x0a3c; ThreadID: 0x1b34,2," +
+                       trace + ",,Orig filename: c:\\logs\\a.etl,quon (ovrelt),"
+                       "data{\"01-Pid\":\"0x00000a3c\";\"02-Image\":\"a.exe\"}\n"),
+            std::string::npos);
+  // The log header gives no line in the timeline form: four events, four lines.
+  EXPECT_EQ(e2e::count(r.out, ",...B,"), 4u);
+}
+
+TEST(EndToEnd, ShippedSampleIsTheTraceWritersSample) {
+  const std::string shipped = e2e::read_text(std::string(QUON_SOURCE_DIR) + "/examples/sample.etl");
+  const tw::bytes expected = tw::sample_trace();
+  EXPECT_EQ(shipped, std::string(expected.begin(), expected.end()))
+      << "regenerate with: build/tests/write_trace sample examples/sample.etl";
+}

@@ -365,7 +365,20 @@ bytes sample_trace() {
   proc.time = 1000100000;
   proc.thread_id = 0x44;
   proc.process_id = 0x4;
-  proc.payload = {0x10, 0x20, 0, 0, 0x3c, 0x0a, 0, 0, 'c', 'm', 'd', '.', 'e', 'x', 'e', 0};
+  // Process start, version 4, 64-bit: key, ids, session, exit status,
+  // directory base, flags, the TOKEN_USER pair, S-1-5-18, image name,
+  // command line, and two empty strings.
+  for (uint64_t v : {0xffff8a0c12345678ull}) for (int i = 0; i < 8; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
+  for (uint32_t v : {0xa3cu, 4u, 1u, 0x103u}) for (int i = 0; i < 4; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
+  for (uint64_t v : {0x1aa000000ull}) for (int i = 0; i < 8; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
+  for (int i = 0; i < 4; ++i) proc.payload.push_back(0);
+  for (uint64_t v : {0xffff8a0c00001000ull, 0ull}) for (int i = 0; i < 8; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
+  for (uint8_t b : {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0}) proc.payload.push_back(b);
+  for (char c : std::string("cmd.exe")) proc.payload.push_back(uint8_t(c));
+  proc.payload.push_back(0);
+  const bytes command = utf16("cmd.exe /c dir");
+  proc.payload.insert(proc.payload.end(), command.begin(), command.end());
+  for (int i = 0; i < 6; ++i) proc.payload.push_back(0);
 
   event_spec tl;  // a TraceLogging event with its schema in an extended item
   tl.provider = guid_from_text("2a576b87-09a7-520e-c21a-4942f0271d67");
