@@ -13,16 +13,18 @@ constexpr uint32_t kMaxNumberDigits = 32;
 // Text values: backslashes become "/" first, then a backslash goes ahead of
 // every double quote, so that the escape itself survives.
 void append_text_value(std::string& out, const std::string& text) {
-  for (char c : text) {
-    if (c == '\\') {
+  size_t from = 0;
+  for (size_t at = text.find_first_of("\\\"", from); at != std::string::npos;
+       at = text.find_first_of("\\\"", from)) {
+    out.append(text, from, at - from);
+    if (text[at] == '\\') {
       out += '/';
-    } else if (c == '"') {
-      out += '\\';
-      out += '"';
     } else {
-      out += c;
+      out += "\\\"";
     }
+    from = at + 1;
   }
+  out.append(text, from, std::string::npos);
 }
 
 void append_value(std::string& out, const decoded_field& f) {
@@ -53,15 +55,16 @@ void append_value(std::string& out, const decoded_field& f) {
 }  // namespace
 
 void append_hex(std::string& out, uint64_t value, uint32_t digits) {
+  // Filled from the right, then appended in one piece.
   char buf[kMaxNumberDigits];
-  uint32_t n = 0;
+  size_t at = sizeof buf;
   do {
-    buf[n++] = kHexDigits[value & 0xF];
+    buf[--at] = kHexDigits[value & 0xF];
     value >>= 4;
-  } while (value != 0 && n < sizeof buf);
+  } while (value != 0);
   if (digits > sizeof buf) digits = sizeof buf;
-  while (n < digits) buf[n++] = '0';
-  while (n > 0) out += buf[--n];
+  while (sizeof buf - at < digits) buf[--at] = '0';
+  out.append(buf + at, sizeof buf - at);
 }
 
 void append_hex_bytes(std::string& out, const uint8_t* data, size_t size) {
@@ -75,12 +78,12 @@ void append_hex_bytes(std::string& out, const uint8_t* data, size_t size) {
 
 void append_decimal(std::string& out, uint64_t value) {
   char buf[20];
-  int n = 0;
+  size_t at = sizeof buf;
   do {
-    buf[n++] = static_cast<char>('0' + value % 10);
+    buf[--at] = static_cast<char>('0' + value % 10);
     value /= 10;
   } while (value != 0);
-  while (n > 0) out += buf[--n];
+  out.append(buf + at, sizeof buf - at);
 }
 
 void render_fields(std::string& out, decoded_fields& fields) {
@@ -88,10 +91,13 @@ void render_fields(std::string& out, decoded_fields& fields) {
   for (const auto& e : fields) {
     const decoded_field& f = e.field;
     ++counter;
-    if (counter > 1) out += ';';
-    out += '"';
-    if (counter < 10) out += '0';
-    append_decimal(out, counter);
+    out.append(counter > 1 ? ";\"" : "\"");
+    if (counter < 10) {
+      out += '0';
+      out += static_cast<char>('0' + counter);
+    } else {
+      append_decimal(out, counter);
+    }
     if (!f.name.empty()) {
       out += '-';
       out += f.name;
