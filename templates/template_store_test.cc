@@ -153,31 +153,4 @@ TEST(TemplateStore, GroupKeyClearsTheLowByte) {
   EXPECT_FALSE(group_guid_of(store, 0x0201, out));
 }
 
-TEST(TemplateStore, ClearEmptiesEverything) {
-  template_store store;
-  add_template(store, 1);
-  set_provider_name(store, guid_with(1), "x");
-  store.group_guids[0x100] = guid_with(1);
-  set_trace_build(store, 14393);
-  clear(store);
-  EXPECT_TRUE(store.templates.empty());
-  EXPECT_TRUE(store.by_digest.empty());
-  EXPECT_TRUE(store.providers.empty());
-  EXPECT_TRUE(store.group_guids.empty());
-  EXPECT_EQ(store.trace_build, 0u);
-}
-
-TEST(TemplateStore, ResetSourceRestoresTheStartEntries) {
-  template_source s;
-  s.provider_names.push_back("p");
-  s.field_names.push_back("f");
-  s.records.emplace_back();
-  s.field_name_index["f"] = 1;
-  reset(s);
-  EXPECT_EQ(s.provider_names, std::vector<std::string>{"unk"});
-  EXPECT_EQ(s.field_names, std::vector<std::string>{""});
-  EXPECT_TRUE(s.records.empty());
-  EXPECT_TRUE(s.field_name_index.empty());
-}
-
 }  // namespace

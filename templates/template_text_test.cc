@@ -262,7 +262,9 @@ TEST(TemplateText, HostileLines) {
   add_template_lines(s, lines);
   for (const template_record& r : s.records) {
     EXPECT_EQ(r.names.size(), r.words.size());
-    if (!r.words.empty()) EXPECT_EQ(r.name_indices.size(), r.words.size());
+    if (!r.words.empty()) {
+      EXPECT_EQ(r.name_indices.size(), r.words.size());
+    }
   }
   template_store store;
   link_templates(s, store, false);
