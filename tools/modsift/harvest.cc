@@ -23,10 +23,13 @@ constexpr size_t kMaxVersionSize = size_t(64) << 10;
 // Real harvests are a few megabytes per file; past this a blob is taken to be
 // built to flood the output.
 constexpr size_t kMaxOutput = size_t(64) << 20;
+constexpr size_t kMaxNotes = 20;
 
 struct cached_template {
   bool ok = false;
   std::string reason;
+  std::string first_user;  // the first event that refers to a bad TEMP
+  size_t users = 0;        // how many do
   std::string tokens;  // ", L<name>, <word>..." ready for the line
   bool empty = true;   // no fields at all
   qv::byte_span binxml;
@@ -49,7 +52,14 @@ void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_opt
   }
   std::string text;
   size_t provider_lines = 0, template_lines = 0;
+  // Damage is told once per damaged part, and a hostile blob can't turn that
+  // into a flood: past kMaxNotes the rest is only counted.
+  size_t unshown = 0;
   auto note = [&](const std::string& what) {
+    if (res.problems.size() >= kMaxNotes) {
+      ++unshown;
+      return;
+    }
     res.problems.push_back(what);
     text += "// skipped: " + clean_comment(what) + "\n";
   };
@@ -106,9 +116,9 @@ void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_opt
         }
         it = cache.emplace(ev->template_offset, std::move(c)).first;
       }
-      const cached_template& c = it->second;
+      cached_template& c = it->second;
       if (!c.ok) {
-        note(event_ref(guid, *ev) + ": " + c.reason);
+        if (c.users++ == 0) c.first_user = event_ref(guid, *ev);
         continue;
       }
       std::string label = clean_field_name(ev->name);
@@ -129,7 +139,19 @@ void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_opt
     }
     if (flooded) break;
   }
-  if (flooded) note("output limit reached, the rest of the blob is left out");
+  for (const auto& [offset, c] : cache) {
+    if (c.ok || c.users == 0) continue;
+    std::string more = c.users > 1 ? " (and " + std::to_string(c.users - 1) + " more events)" : "";
+    note(c.first_user + ": " + c.reason + more);
+  }
+  if (flooded) {
+    res.problems.push_back("output limit reached, the rest of the blob is left out");
+    text += "// skipped: output limit reached, the rest of the blob is left out\n";
+  }
+  if (unshown) {
+    res.problems.push_back(std::to_string(unshown) + " more problems not shown");
+    text += "// skipped: " + std::to_string(unshown) + " more problems not shown\n";
+  }
 
   if (provider_lines + template_lines == 0) {
     res.problems.push_back("the blob names no provider and holds no event template");
@@ -205,10 +227,11 @@ void harvest_input(const input_source& src, const std::string& label, const harv
   ctx.message_table = qv::byte_span(messages.data(), messages.size());
 
   std::vector<std::vector<uint8_t>> seen;
+  size_t outside = 0;
   for (const resource_leaf& leaf : rs.wevt) {
     std::vector<uint8_t> blob;
     if (!read_leaf(src, pe, leaf, kMaxBlobSize, blob)) {
-      res.problems.push_back("WEVT_TEMPLATE data lies outside the file");
+      ++outside;
       continue;
     }
     // The same blob under several languages is read once.
@@ -224,6 +247,9 @@ void harvest_input(const input_source& src, const std::string& label, const harv
     harvest_blob(qv::byte_span(blob.data(), blob.size()), ctx, opts, res);
     seen.push_back(std::move(blob));
   }
+  if (outside == 1) res.problems.push_back("WEVT_TEMPLATE data lies outside the file");
+  if (outside > 1)
+    res.problems.push_back(std::to_string(outside) + " WEVT_TEMPLATE resources lie outside the file");
 }
 
 bool harvest_file(const std::string& path, const harvest_options& opts, harvest_result& res) {

@@ -404,6 +404,26 @@ TEST(Harvest, BadInput) {
   EXPECT_NE(r.text.find("// skipped: "), std::string::npos);
   expect_valid(r.text);
 
+  // Damage shared by many parts is told once, and never floods: three events
+  // on one broken TEMP make one reason; sixty broken providers make twenty
+  // and a count.
+  t_provider three = sample_provider();
+  three.events = {{1, 0, 1, ""}, {2, 0, 1, ""}, {3, 0, 1, ""}};
+  b = build_crim(5, {three});
+  ASSERT_TRUE(read_crim(qv::byte_span(b.data(), b.size()), cb, reason));
+  b[cb.providers[0].events[0].template_offset] = 'X';
+  r = harvest_bytes(b);
+  ASSERT_EQ(r.problems.size(), 2u);  // the reason, and "nothing to harvest"
+  EXPECT_NE(r.problems[0].find("event 1 version 0: no TEMP at"), std::string::npos);
+  EXPECT_NE(r.problems[0].find("(and 2 more events)"), std::string::npos);
+  std::vector<t_provider> many(60, sample_provider());
+  b = build_crim(5, many);
+  for (size_t i = 0; i < 60; ++i) b[16 + 20 * i + 16] = 1;  // WEVT offsets to nowhere
+  r = harvest_bytes(b);
+  EXPECT_TRUE(r.text.empty());
+  ASSERT_EQ(r.problems.size(), 22u);
+  EXPECT_EQ(r.problems[20], "40 more problems not shown");
+
   // Every prefix and many single-byte changes of a valid image: no crash,
   // and whatever comes out is valid template text.
   res[0].data = blob;
