@@ -8,9 +8,9 @@ namespace hivewick {
 namespace {
 
 constexpr uint32_t hbin_header_size = 32;
-constexpr uint32_t key_node_fixed = 76;     // nk fields ahead of the name
-constexpr uint32_t value_fixed = 20;        // vk fields ahead of the name
-constexpr int max_index_depth = 8;          // "ri" inside "ri": never deeper in a real hive
+constexpr uint32_t key_node_fixed = 76;  // nk fields ahead of the name
+constexpr uint32_t value_fixed = 20;     // vk fields ahead of the name
+constexpr int max_index_depth = 8;       // "ri" inside "ri": never deeper in a real hive
 constexpr size_t max_problems = 200;
 
 bool sig_is(qv::byte_span d, char a, char b) {
@@ -48,13 +48,26 @@ uint32_t next_code_point(std::string_view s, size_t& i) {
   uint8_t b = uint8_t(s[i]);
   size_t need = 0;
   uint32_t cp = 0;
-  if (b >= 0xC2 && b <= 0xDF) { need = 1; cp = b & 0x1F; }
-  else if (b >= 0xE0 && b <= 0xEF) { need = 2; cp = b & 0x0F; }
-  else if (b >= 0xF0 && b <= 0xF4) { need = 3; cp = b & 0x07; }
-  if (need == 0 || need > s.size() - i - 1) { ++i; return b; }
+  if (b >= 0xC2 && b <= 0xDF) {
+    need = 1;
+    cp = b & 0x1F;
+  } else if (b >= 0xE0 && b <= 0xEF) {
+    need = 2;
+    cp = b & 0x0F;
+  } else if (b >= 0xF0 && b <= 0xF4) {
+    need = 3;
+    cp = b & 0x07;
+  }
+  if (need == 0 || need > s.size() - i - 1) {
+    ++i;
+    return b;
+  }
   for (size_t k = 1; k <= need; ++k) {
     uint8_t c = uint8_t(s[i + k]);
-    if ((c & 0xC0) != 0x80) { ++i; return b; }
+    if ((c & 0xC0) != 0x80) {
+      ++i;
+      return b;
+    }
     cp = (cp << 6) | (c & 0x3F);
   }
   i += need + 1;
@@ -91,9 +104,9 @@ bool is_hive_alias(std::string_view e) {
 
 // Names a hive file goes by on a Windows machine.
 bool is_hive_file_name(std::string_view e) {
-  static const char* const names[] = {"SOFTWARE", "SYSTEM", "SAM", "SECURITY", "DEFAULT",
-                                      "COMPONENTS", "DRIVERS", "ELAM", "BCD00000000",
-                                      "NTUSER.DAT", "USRCLASS.DAT", "AMCACHE.HVE"};
+  static const char* const names[] = {"SOFTWARE",    "SYSTEM",     "SAM",          "SECURITY",
+                                      "DEFAULT",     "COMPONENTS", "DRIVERS",      "ELAM",
+                                      "BCD00000000", "NTUSER.DAT", "USRCLASS.DAT", "AMCACHE.HVE"};
   for (const char* n : names)
     if (names_equal(e, n)) return true;
   return false;
@@ -187,11 +200,10 @@ std::string value_text(uint32_t type, const std::vector<uint8_t>& data) {
 
 // ---- The hive ------------------------------------------------------------
 
-void hive::problem(std::string text) {
-  if (problems_.size() < max_problems)
-    problems_.push_back(std::move(text));
-  else
-    ++problems_dropped_;
+bool hive::noting() {
+  if (problems_.size() < max_problems) return true;
+  ++problems_dropped_;
+  return false;
 }
 
 void hive::reset_budget() {
@@ -205,7 +217,9 @@ bool hive::spend(uint64_t units) {
     return true;
   }
   if (!budget_reported_) {
-    problem("cells are reached over and over (shared or looped lists): reading stopped");
+    if (noting())
+      problems_.push_back(
+          "cells are reached over and over (shared or looped lists): reading stopped");
     budget_reported_ = true;
   }
   budget_ = 0;
@@ -222,15 +236,15 @@ bool hive::open(qv::byte_span bytes) {
   const uint8_t* d = bytes.data;
   const size_t size = bytes.size;
   if (size < 4) {
-    problem("file too short to be a hive");
+    if (noting()) problems_.push_back("file too short to be a hive");
     return false;
   }
   if (!(d[0] == 'r' && d[1] == 'e' && d[2] == 'g' && d[3] == 'f')) {
-    problem("not a registry hive (no \"regf\" signature)");
+    if (noting()) problems_.push_back("not a registry hive (no \"regf\" signature)");
     return false;
   }
   if (size < base_block_size + hbin_header_size) {
-    problem("file too short to hold a hive bin");
+    if (noting()) problems_.push_back("file too short to hold a hive bin");
     return false;
   }
 
@@ -252,24 +266,31 @@ bool hive::open(qv::byte_span bytes) {
   base_.checksum_computed = sum;
 
   if (base_.dirty())
-    problem("hive is dirty (sequence numbers " + std::to_string(base_.sequence1) + " and " +
-            std::to_string(base_.sequence2) +
-            " differ): read as it stands, without its transaction logs");
+    if (noting())
+      problems_.push_back("hive is dirty (sequence numbers " + std::to_string(base_.sequence1) +
+                          " and " + std::to_string(base_.sequence2) +
+                          " differ): read as it stands, without its transaction logs");
   if (!base_.checksum_ok())
-    problem("base block checksum " + hex32(base_.checksum) + " doesn't match its bytes (" +
-            hex32(base_.checksum_computed) + ")");
+    if (noting())
+      problems_.push_back("base block checksum " + hex32(base_.checksum) +
+                          " doesn't match its bytes (" + hex32(base_.checksum_computed) + ")");
   if (base_.major != 1)
-    problem("unknown hive format version " + std::to_string(base_.major) + "." +
-            std::to_string(base_.minor));
+    if (noting())
+      problems_.push_back("unknown hive format version " + std::to_string(base_.major) + "." +
+                          std::to_string(base_.minor));
   if (base_.type != 0)
-    problem("file type " + std::to_string(base_.type) + " is not that of a primary hive file");
+    if (noting())
+      problems_.push_back("file type " + std::to_string(base_.type) +
+                          " is not that of a primary hive file");
 
   // Map the hive bins. A bin header that doesn't make sense inside the
   // declared data starts a search for the next one on a 4096-byte boundary;
   // past the declared data the walk just ends (slack of a padded file).
   const uint64_t declared_end = uint64_t(base_block_size) + base_.length;
   if (declared_end > size)
-    problem("hive data (" + std::to_string(base_.length) + " bytes) runs past the end of the file");
+    if (noting())
+      problems_.push_back("hive data (" + std::to_string(base_.length) +
+                          " bytes) runs past the end of the file");
   uint64_t pos = base_block_size;
   bool in_damage = false;
   while (pos <= size && hbin_header_size <= size - pos) {
@@ -280,7 +301,9 @@ bool hive::open(qv::byte_span bytes) {
     if (good) {
       uint64_t end = pos + bin_size;
       if (end > size) {
-        problem("hive bin at file offset " + std::to_string(pos) + " is cut by the end of the file");
+        if (noting())
+          problems_.push_back("hive bin at file offset " + std::to_string(pos) +
+                              " is cut by the end of the file");
         end = size;
       }
       bins_.push_back({pos, end});
@@ -290,13 +313,14 @@ bool hive::open(qv::byte_span bytes) {
     }
     if (pos >= declared_end) break;
     if (!in_damage)
-      problem("damaged hive bin header at file offset " + std::to_string(pos) +
-              ": looking for the next bin");
+      if (noting())
+        problems_.push_back("damaged hive bin header at file offset " + std::to_string(pos) +
+                            ": looking for the next bin");
     in_damage = true;
     pos += 4096;
   }
   if (bins_.empty()) {
-    problem("no hive bin found");
+    if (noting()) problems_.push_back("no hive bin found");
     return false;
   }
   return true;
@@ -317,7 +341,8 @@ bool hive::cell(uint32_t index, qv::byte_span& out) {
   if (cell_size < 8) return false;
   uint64_t avail = it->end - pos;
   if (cell_size > avail) {
-    problem("cell " + hex32(index) + " runs past the end of its hive bin");
+    if (noting())
+      problems_.push_back("cell " + hex32(index) + " runs past the end of its hive bin");
     cell_size = uint32_t(avail);
   }
   out = qv::byte_span(file_.data + pos + 4, cell_size - 4);
@@ -326,7 +351,7 @@ bool hive::cell(uint32_t index, qv::byte_span& out) {
 
 bool hive::root_key(key_node& out) {
   if (!read_key(base_.root_cell, out)) {
-    problem("root key cell " + hex32(base_.root_cell) + " can't be read");
+    if (noting()) problems_.push_back("root key cell " + hex32(base_.root_cell) + " can't be read");
     return false;
   }
   return true;
@@ -336,11 +361,11 @@ bool hive::read_key(uint32_t index, key_node& out) {
   out = key_node();
   qv::byte_span d;
   if (!cell(index, d)) {
-    problem("key cell " + hex32(index) + " lies outside the hive bins");
+    if (noting()) problems_.push_back("key cell " + hex32(index) + " lies outside the hive bins");
     return false;
   }
   if (d.size < key_node_fixed || !sig_is(d, 'n', 'k')) {
-    problem("cell " + hex32(index) + " is not a key node");
+    if (noting()) problems_.push_back("cell " + hex32(index) + " is not a key node");
     return false;
   }
   size_t name_size = qv::rd_u16(d, 72);
@@ -354,30 +379,31 @@ bool hive::read_key(uint32_t index, key_node& out) {
   out.value_count = qv::rd_u32(d, 36);
   out.value_list = qv::rd_u32(d, 40);
   if (name_size > d.size - key_node_fixed) {
-    problem("name of key cell " + hex32(index) + " is cut by the end of its cell");
+    if (noting())
+      problems_.push_back("name of key cell " + hex32(index) + " is cut by the end of its cell");
     name_size = d.size - key_node_fixed;
   }
   const uint8_t* name = d.data + key_node_fixed;
   out.name = (out.flags & KEY_COMP_NAME) ? latin1_to_utf8(name, name_size)
-                                          : utf16_to_utf8(name, name_size, false);
+                                         : utf16_to_utf8(name, name_size, false);
   return true;
 }
 
 bool hive::read_list(uint32_t list, int depth, std::vector<uint32_t>& out,
                      std::unordered_set<uint32_t>& seen_lists) {
   if (depth > max_index_depth) {
-    problem("subkey index " + hex32(list) + " is nested too deep");
+    if (noting()) problems_.push_back("subkey index " + hex32(list) + " is nested too deep");
     return false;
   }
   // A list met twice in one walk is a loop.
   if (!seen_lists.insert(list).second) {
-    problem("subkey list " + hex32(list) + " is reached twice");
+    if (noting()) problems_.push_back("subkey list " + hex32(list) + " is reached twice");
     return false;
   }
 
   qv::byte_span d;
   if (!cell(list, d) || d.size < 4) {
-    problem("subkey list cell " + hex32(list) + " can't be read");
+    if (noting()) problems_.push_back("subkey list cell " + hex32(list) + " can't be read");
     return false;
   }
   size_t stride = 0;
@@ -390,15 +416,16 @@ bool hive::read_list(uint32_t list, int depth, std::vector<uint32_t>& out,
     stride = 4;
     index_of_lists = true;
   } else {
-    problem("cell " + hex32(list) + " is not a subkey list");
+    if (noting()) problems_.push_back("cell " + hex32(list) + " is not a subkey list");
     return false;
   }
   bool ok = true;
   size_t count = qv::rd_u16(d, 2);
   size_t room = (d.size - 4) / stride;
   if (count > room) {
-    problem("subkey list " + hex32(list) + " holds " + std::to_string(room) + " of its " +
-            std::to_string(count) + " entries");
+    if (noting())
+      problems_.push_back("subkey list " + hex32(list) + " holds " + std::to_string(room) +
+                          " of its " + std::to_string(count) + " entries");
     count = room;
     ok = false;
   }
@@ -417,8 +444,9 @@ bool hive::read_list(uint32_t list, int depth, std::vector<uint32_t>& out,
 bool hive::subkey_cells(const key_node& key, std::vector<uint32_t>& out) {
   if (key.subkey_count == 0) return true;
   if (key.subkey_list == no_cell) {
-    problem("key \"" + key.name + "\" counts " + std::to_string(key.subkey_count) +
-            " subkeys but has no subkey list");
+    if (noting())
+      problems_.push_back("key \"" + key.name + "\" counts " + std::to_string(key.subkey_count) +
+                          " subkeys but has no subkey list");
     return false;
   }
   std::unordered_set<uint32_t> seen;
@@ -426,8 +454,9 @@ bool hive::subkey_cells(const key_node& key, std::vector<uint32_t>& out) {
   bool ok = read_list(key.subkey_list, 0, out, seen);
   size_t found = out.size() - before;
   if (ok && found != key.subkey_count)
-    problem("key \"" + key.name + "\" counts " + std::to_string(key.subkey_count) +
-            " subkeys, its list holds " + std::to_string(found));
+    if (noting())
+      problems_.push_back("key \"" + key.name + "\" counts " + std::to_string(key.subkey_count) +
+                          " subkeys, its list holds " + std::to_string(found));
   return ok;
 }
 
@@ -435,11 +464,11 @@ bool hive::read_value(uint32_t index, value_record& out) {
   out = value_record();
   qv::byte_span d;
   if (!cell(index, d)) {
-    problem("value cell " + hex32(index) + " lies outside the hive bins");
+    if (noting()) problems_.push_back("value cell " + hex32(index) + " lies outside the hive bins");
     return false;
   }
   if (d.size < value_fixed || !sig_is(d, 'v', 'k')) {
-    problem("cell " + hex32(index) + " is not a value record");
+    if (noting()) problems_.push_back("cell " + hex32(index) + " is not a value record");
     return false;
   }
   size_t name_size = qv::rd_u16(d, 2);
@@ -450,12 +479,13 @@ bool hive::read_value(uint32_t index, value_record& out) {
   out.type = qv::rd_u32(d, 12);
   out.flags = qv::rd_u16(d, 16);
   if (name_size > d.size - value_fixed) {
-    problem("name of value cell " + hex32(index) + " is cut by the end of its cell");
+    if (noting())
+      problems_.push_back("name of value cell " + hex32(index) + " is cut by the end of its cell");
     name_size = d.size - value_fixed;
   }
   const uint8_t* name = d.data + value_fixed;
   out.name = (out.flags & VALUE_COMP_NAME) ? latin1_to_utf8(name, name_size)
-                                            : utf16_to_utf8(name, name_size, false);
+                                           : utf16_to_utf8(name, name_size, false);
   return true;
 }
 
@@ -463,14 +493,16 @@ bool hive::read_values(const key_node& key, std::vector<value_record>& out) {
   if (key.value_count == 0) return true;
   qv::byte_span d;
   if (!cell(key.value_list, d)) {
-    problem("value list of key \"" + key.name + "\" can't be read");
+    if (noting()) problems_.push_back("value list of key \"" + key.name + "\" can't be read");
     return false;
   }
   bool ok = true;
   size_t count = key.value_count;
   if (count > d.size / 4) {
-    problem("value list of key \"" + key.name + "\" holds " + std::to_string(d.size / 4) +
-            " of its " + std::to_string(count) + " entries");
+    if (noting())
+      problems_.push_back("value list of key \"" + key.name + "\" holds " +
+                          std::to_string(d.size / 4) + " of its " + std::to_string(count) +
+                          " entries");
     count = d.size / 4;
     ok = false;
   }
@@ -488,14 +520,15 @@ bool hive::read_values(const key_node& key, std::vector<value_record>& out) {
 bool hive::value_data(const value_record& v, std::vector<uint8_t>& out) {
   out.clear();
   const uint32_t size = v.size();
-  const std::string who = "data of value \"" + v.name + "\"";
+  auto who = [&v] { return "data of value \"" + v.name + "\""; };
   if (v.data_inline()) {
     // Up to four bytes are kept in the offset field itself.
     uint8_t b[4];
     qv::wr_u32(b, v.data_offset);
     out.assign(b, b + std::min<uint32_t>(size, 4));
     if (size > 4) {
-      problem(who + ": " + std::to_string(size) + " bytes can't be kept inline");
+      if (noting())
+        problems_.push_back(who() + ": " + std::to_string(size) + " bytes can't be kept inline");
       return false;
     }
     return true;
@@ -503,7 +536,7 @@ bool hive::value_data(const value_record& v, std::vector<uint8_t>& out) {
   if (size == 0) return true;
   qv::byte_span d;
   if (!cell(v.data_offset, d)) {
-    problem(who + ": cell " + hex32(v.data_offset) + " can't be read");
+    if (noting()) problems_.push_back(who() + ": cell " + hex32(v.data_offset) + " can't be read");
     return false;
   }
   if (size > d.size && size > big_data_segment && d.size >= 8 && sig_is(d, 'd', 'b')) {
@@ -511,7 +544,7 @@ bool hive::value_data(const value_record& v, std::vector<uint8_t>& out) {
     size_t segments = qv::rd_u16(d, 2);
     qv::byte_span list;
     if (!cell(qv::rd_u32(d, 4), list)) {
-      problem(who + ": its segment list can't be read");
+      if (noting()) problems_.push_back(who() + ": its segment list can't be read");
       return false;
     }
     segments = std::min(segments, list.size / 4);
@@ -528,8 +561,9 @@ bool hive::value_data(const value_record& v, std::vector<uint8_t>& out) {
       left -= uint32_t(take);
     }
     if (left > 0) {
-      problem(who + ": " + std::to_string(size - left) + " of " + std::to_string(size) +
-              " bytes could be read");
+      if (noting())
+        problems_.push_back(who() + ": " + std::to_string(size - left) + " of " +
+                            std::to_string(size) + " bytes could be read");
       return false;
     }
     return true;
@@ -538,8 +572,9 @@ bool hive::value_data(const value_record& v, std::vector<uint8_t>& out) {
   if (!spend(take)) return false;
   out.assign(d.data, d.data + take);
   if (take < size) {
-    problem(who + ": " + std::to_string(take) + " of " + std::to_string(size) +
-            " bytes could be read");
+    if (noting())
+      problems_.push_back(who() + ": " + std::to_string(take) + " of " + std::to_string(size) +
+                          " bytes could be read");
     return false;
   }
   return true;

@@ -141,7 +141,9 @@ class hive {
   bool find_key(std::string_view path, key_node& out, std::string* missing = nullptr);
 
  private:
-  void problem(std::string text);
+  // True when one more problem text is kept; texts are built only then, so
+  // a hostile list of a million bad entries costs a counter, not strings.
+  bool noting();
   bool spend(uint64_t units);
   bool read_list(uint32_t list, int depth, std::vector<uint32_t>& out,
                  std::unordered_set<uint32_t>& seen_lists);

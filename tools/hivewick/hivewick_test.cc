@@ -374,6 +374,13 @@ TEST(HivewickProgram, QuonNamesProvidersFromTheHive) {
   std::ifstream rows_in(rows_file);
   std::string rows((std::istreambuf_iterator<char>(rows_in)), {});
   EXPECT_NE(rows.find("Microsoft-Windows-Test-One"), std::string::npos) << rows;
+  // Without the names file the provider stays unnamed.
+  run_command(std::string(QUON_BINARY) + " -log \"" + etl + "\" -out \"" + rows_file + "\" 2>&1",
+              status);
+  std::ifstream bare_in(rows_file);
+  std::string bare((std::istreambuf_iterator<char>(bare_in)), {});
+  EXPECT_NE(bare.find("1ac55562-d4ff-4bc5-8ef3-a18e07c4668e"), std::string::npos) << bare;
+  EXPECT_EQ(bare.find("Microsoft-Windows-Test-One"), std::string::npos);
 #endif
 }
 
