@@ -6,6 +6,19 @@ namespace {
 
 const char kHexDigits[] = "0123456789abcdef";
 
+// The two hexadecimal digits of every byte value.
+struct hex_pair_table {
+  char pairs[256][2];
+  constexpr hex_pair_table() : pairs() {
+    for (int i = 0; i < 256; ++i) {
+      pairs[i][0] = "0123456789abcdef"[i >> 4];
+      pairs[i][1] = "0123456789abcdef"[i & 0xF];
+    }
+  }
+  const char* operator[](uint64_t i) const { return pairs[i]; }
+};
+constexpr hex_pair_table kHexPairs;
+
 // Zero padding of a number never goes past the width of a 128-bit value,
 // whatever size a field claims: the number itself holds 64 bits at most.
 constexpr uint32_t kMaxNumberDigits = 32;
@@ -55,13 +68,17 @@ void append_value(std::string& out, const decoded_field& f) {
 }  // namespace
 
 void append_hex(std::string& out, uint64_t value, uint32_t digits) {
-  // Filled from the right, then appended in one piece.
+  // Two digits per step from a table, filled from the right, then appended
+  // in one piece.
   char buf[kMaxNumberDigits];
   size_t at = sizeof buf;
-  do {
-    buf[--at] = kHexDigits[value & 0xF];
-    value >>= 4;
-  } while (value != 0);
+  while (value > 0xF) {
+    const char* pair = kHexPairs[value & 0xFF];
+    buf[--at] = pair[1];
+    buf[--at] = pair[0];
+    value >>= 8;
+  }
+  if (value != 0 || at == sizeof buf) buf[--at] = kHexDigits[value];
   if (digits > sizeof buf) digits = sizeof buf;
   while (sizeof buf - at < digits) buf[--at] = '0';
   out.append(buf + at, sizeof buf - at);
@@ -71,8 +88,9 @@ void append_hex_bytes(std::string& out, const uint8_t* data, size_t size) {
   size_t at = out.size();
   out.resize(at + size * 2);
   for (size_t i = 0; i < size; ++i) {
-    out[at++] = kHexDigits[data[i] >> 4];
-    out[at++] = kHexDigits[data[i] & 0xF];
+    const char* pair = kHexPairs[data[i]];
+    out[at++] = pair[0];
+    out[at++] = pair[1];
   }
 }
 
