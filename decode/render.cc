@@ -26,18 +26,20 @@ constexpr uint32_t kMaxNumberDigits = 32;
 // Text values: backslashes become "/" first, then a backslash goes ahead of
 // every double quote, so that the escape itself survives.
 void append_text_value(std::string& out, const std::string& text) {
-  size_t from = 0;
-  for (size_t at = text.find_first_of("\\\"", from); at != std::string::npos;
-       at = text.find_first_of("\\\"", from)) {
-    out.append(text, from, at - from);
-    if (text[at] == '\\') {
+  const char* p = text.data();
+  const char* end = p + text.size();
+  const char* from = p;
+  for (; p != end; ++p) {
+    if (*p != '\\' && *p != '"') continue;
+    out.append(from, static_cast<size_t>(p - from));
+    if (*p == '\\') {
       out += '/';
     } else {
       out += "\\\"";
     }
-    from = at + 1;
+    from = p + 1;
   }
-  out.append(text, from, std::string::npos);
+  out.append(from, static_cast<size_t>(end - from));
 }
 
 void append_value(std::string& out, const decoded_field& f) {

@@ -85,12 +85,15 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
     // The whole first block, and at least the probe, for the header's fields.
     if (!read_capped(file, block, std::max<uint32_t>(buffer_size, kFirstProbeSize), 0)) return false;
     first_block_size = buffer_size;
-    largest_buffer = buffer_size;
     if (opts.subset_file) {
       opts.subset_file->write_at(block.data(), std::min<uint32_t>(buffer_size, static_cast<uint32_t>(block.size())), 0);
       opts.subset_pos = buffer_size;
     }
     if (!open_with_log_header(engine, block.data(), block.size())) return false;
+    // A compressed buffer expands to at most the buffer size the session
+    // ran with, which the log header states (its own first buffer may be
+    // smaller).
+    largest_buffer = std::max(engine.header.BufferSize, buffer_size);
     opts.session_name = engine.logger_name.empty() ? kNotAvailable : engine.logger_name;
     opts.orig_source_path = engine.log_file_name.empty() ? kNotAvailable : engine.log_file_name;
     write_header_info_row(engine.header, held, opts);
