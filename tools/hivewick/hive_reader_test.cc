@@ -170,7 +170,7 @@ hw::key_spec tree() {
   hw::key_spec many{"Many", 7};
   many.list_kind = 'r';
   many.ri_chunk = 3;
-  for (int i = 0; i < 10; ++i) many.subkeys.push_back({"k" + std::to_string(i), 8});
+  for (char i = '0'; i <= '9'; ++i) many.subkeys.push_back({std::string("k") + i, 8});
   hw::key_spec vals{"Values", 9};
   std::vector<uint8_t> big(40000);
   for (size_t i = 0; i < big.size(); ++i) big[i] = uint8_t(i * 7);
