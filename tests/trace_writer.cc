@@ -103,9 +103,9 @@ bytes event_header_record(const event_spec& e, bool kind7) {
   return finish_record(std::move(r), e, 0);
 }
 
-bytes full_header_record(const event_spec& e) {
+bytes full_header_record(const event_spec& e, bool wide) {
   bytes r(48, 0);
-  put16(r, 2, 0xC00A);
+  put16(r, 2, wide ? 0xC014 : 0xC00A);
   put16(r, 4, e.flags);
   put16(r, 6, e.event_property);
   put32(r, 8, e.thread_id);

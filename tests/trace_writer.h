@@ -104,8 +104,8 @@ struct event_spec {
 
 // Kinds 6 and 7: EVENT_HEADER records (0xC012, 0xC013), 80 bytes + items + payload.
 bytes event_header_record(const event_spec& e, bool kind7 = false);
-// Kind 5: the 48-byte full header 0xC00A.
-bytes full_header_record(const event_spec& e);
+// Kind 5: the 48-byte full header, 0xC00A (or 0xC014, the 64-bit form).
+bytes full_header_record(const event_spec& e, bool wide = false);
 // Kind 3: the classic system header 0xC002 (32 bytes).
 bytes system_header_record(const event_spec& e);
 // Kind 4: the compact classic header 0xC011 (16 bytes).

@@ -14,7 +14,7 @@ enum record_kind : uint32_t {
   kind_9000_1c = 2,      // 0x9000 header, 28-byte form
   kind_c002 = 3,         // classic system header with thread, process and time
   kind_c011 = 4,         // compact classic header
-  kind_c00a = 5,         // first 48 bytes of EVENT_HEADER
+  kind_c00a = 5,         // full header 0xC00A or 0xC014: first 48 bytes of EVENT_HEADER
   kind_c012 = 6,         // EVENT_HEADER
   kind_c013 = 7,         // EVENT_HEADER
   kind_other = 8,        // any record with a plausible version word and size

@@ -60,6 +60,7 @@ constexpr uint16_t kHeader9000 = 0x9000;
 constexpr uint16_t kHeaderC002 = 0xC002;
 constexpr uint16_t kHeaderC011 = 0xC011;
 constexpr uint16_t kHeaderC00A = 0xC00A;
+constexpr uint16_t kHeaderC014 = 0xC014;
 constexpr uint16_t kHeaderC012 = 0xC012;
 constexpr uint16_t kHeaderC013 = 0xC013;
 
@@ -142,9 +143,13 @@ bool test_event_header(const record_view& r, const time_inputs& in, uint32_t& ki
   return time_test(kind, r.u64(16), in);
 }
 
-// Kind 5: the 48-byte full header.
+// Kind 5: the 48-byte full header (EVENT_TRACE_HEADER), written as 0xC00A
+// by 32-bit and as 0xC014 by 64-bit loggers; relogged and compressed traces
+// carry their system configuration events in the 64-bit form.
 bool test_full_header(const record_view& r, const time_inputs& in) {
-  if (r.remaining < 8 || r.u16(2) != kHeaderC00A) return false;
+  if (r.remaining < 8) return false;
+  const uint16_t type = r.u16(2);
+  if (type != kHeaderC00A && type != kHeaderC014) return false;
   const uint16_t size = r.u16(0);
   if (r.remaining < size || size <= 48) return false;
   return time_test(kind_c00a, r.u64(16), in);

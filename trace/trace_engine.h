@@ -9,7 +9,7 @@
 //   2    | 0x9000                  | 0       | 28      | 4     | GUID at 12   | 36, 40         | 44
 //   3    | 0xC002, u16 at 0 in 2-5 | 4       | 16      | 6     | event group  | 8, 12          | 32
 //   4    | 0xC011, u16 at 0 in 2-5 | 4       | 8       | 6     | event group  | none           | 16
-//   5    | 0xC00A                  | 0       | 16      | 40    | GUID at 24   | 8, 12          | 48
+//   5    | 0xC00A, 0xC014          | 0       | 16      | 40    | GUID at 24   | 8, 12          | 48
 //   6, 7 | 0xC012, 0xC013          | 0       | 16      | 40    | GUID at 24   | 8, 12          | 80
 //   8    | any, u16 at 0 in 2-5    | 4       | none    | 6     | event group  | none           | 8
 // Kinds 6 and 7 carry EVENT_HEADER (80 bytes: Size, HeaderType, Flags,

@@ -78,11 +78,12 @@ TEST(TraceEngine, EveryHeaderKindIsRecognisedAndUnpacked) {
   const size_t at = f.add({tw::event_header_record(e6), tw::event_header_record(event(7, kT0 + 2), true),
                            tw::full_header_record(event(5, kT0 + 5)), tw::system_header_record(e3),
                            tw::compact_header_record(e4), tw::other_header_record(e8),
-                           tw::instance_header_record(event(1, kT0 + 6), false)},
+                           tw::instance_header_record(event(1, kT0 + 6), false),
+                           tw::full_header_record(event(15, kT0 + 7), true)},
                           tw::buffer_spec{.processor = 3, .alignment = 8, .logger_id = 9});
   f.read(0);
   auto r = f.records();
-  ASSERT_EQ(r.size(), 7u);
+  ASSERT_EQ(r.size(), 8u);
 
   // Offsets follow the 8-byte aligned layout of the buffer.
   EXPECT_EQ(r[0]->file_offset, at + 72);
@@ -131,6 +132,11 @@ TEST(TraceEngine, EveryHeaderKindIsRecognisedAndUnpacked) {
   EXPECT_EQ(r[6]->kind, kind_9000_18);
   EXPECT_EQ(r[6]->event_id, 1);
   EXPECT_EQ(r[6]->raw_time, kT0 + 6);
+
+  // The 64-bit form of the full header reads the same way.
+  EXPECT_EQ(r[7]->kind, kind_c00a);
+  EXPECT_EQ(r[7]->event_id, 15);
+  EXPECT_EQ(r[7]->process_id, 0x200u + 15);
 
   // Providers of the file are collected, classic groups included.
   EXPECT_EQ(f.engine.stats.provider_set.size(), 2u);
