@@ -88,11 +88,11 @@ TEST(Subset, RoundTripOnEveryFileKind) {
   // word at 0; the subset pads both to 4096.
   tw::etl_writer headerless;
   headerless.zero_first_block();
-  tw::buffer_spec spec;
-  spec.buffer_size = 4096;
-  spec.saved_offset = 4096;
-  spec.timestamp = kT0 + 100;
-  headerless.add_buffer({event(kA, 1, 12), event(kB, 2, 30), event(kA, 3, 5)}, spec);
+  tw::buffer_spec shape;
+  shape.buffer_size = 4096;
+  shape.saved_offset = 4096;
+  shape.timestamp = kT0 + 100;
+  headerless.add_buffer({event(kA, 1, 12), event(kB, 2, 30), event(kA, 3, 5)}, shape);
   const std::string headerless_path = dir.write("headerless.etl", headerless.data());
   check_round_trip(dir, headerless_path, kA);
   check_round_trip(dir, headerless_path, kB);

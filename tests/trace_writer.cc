@@ -499,12 +499,12 @@ bool write_big_trace(const std::string& path, uint64_t total_bytes) {
       records.push_back(std::move(rec));
     }
     etl_writer b;
-    buffer_spec spec;
-    spec.buffer_size = 65536;
-    spec.timestamp = raw + 1;
-    spec.sequence = sequence++;
-    spec.processor = static_cast<uint8_t>(sequence % 4);
-    b.add_buffer(records, spec);
+    buffer_spec shape;
+    shape.buffer_size = 65536;
+    shape.timestamp = raw + 1;
+    shape.sequence = sequence++;
+    shape.processor = static_cast<uint8_t>(sequence % 4);
+    b.add_buffer(records, shape);
     ok = std::fwrite(b.data().data(), 1, b.size(), f) == b.size();
     written += b.size();
   }

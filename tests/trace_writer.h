@@ -125,16 +125,16 @@ bytes tracelogging_schema(const std::string& event_name,
 class etl_writer {
  public:
   // First blocks.
-  void log_header(const log_header_spec& spec);
+  void log_header(const log_header_spec& shape);
   // The "RlFs" first block: 72 bytes (`block_length` at 48, walk start at 40).
   void rlfs_first_block(uint64_t timestamp, uint64_t start_word24, uint32_t block_length = 72,
                         uint32_t walk_start = 72);
   void zero_first_block();
 
   // A buffer in the regular layout with `records` packed on 8-byte bounds.
-  // The total size is `spec.buffer_size` (default: the log header's buffer
+  // The total size is `shape.buffer_size` (default: the log header's buffer
   // size, or 4096 without one).
-  size_t add_buffer(const std::vector<bytes>& records, buffer_spec spec = {});
+  size_t add_buffer(const std::vector<bytes>& records, buffer_spec shape = {});
   // A buffer with an "RlFs" header: marker, size at 4, Offset at 48.
   size_t add_rlfs_buffer(const std::vector<bytes>& records, uint32_t buffer_size,
                          uint64_t timestamp, uint8_t processor = 0);

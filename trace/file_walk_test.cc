@@ -95,12 +95,12 @@ TEST(FileWalk, TheThreeKindsAreWalkedToTheEnd) {
 
   tw::etl_writer hl;
   hl.zero_first_block();
-  tw::buffer_spec spec;
-  spec.buffer_size = 1024;
-  spec.saved_offset = 1024;  // the walk steps by the word at 4 here
-  spec.timestamp = kT0 + 100;
-  hl.add_buffer({event(5)}, spec);
-  hl.add_buffer({event(5)}, spec);
+  tw::buffer_spec shape;
+  shape.buffer_size = 1024;
+  shape.saved_offset = 1024;  // the walk steps by the word at 4 here
+  shape.timestamp = kT0 + 100;
+  hl.add_buffer({event(5)}, shape);
+  hl.add_buffer({event(5)}, shape);
   r = walk(hl.data(), "headerless.etl");
   EXPECT_TRUE(r.accepted);
   EXPECT_EQ(r.text, "---------------------\nfile: headerless.etl\n\n" + stats_of({{5, 2}}));
@@ -122,9 +122,9 @@ TEST(FileWalk, ZeroOrOversizedBufferTakesTheRestOfTheFile) {
     SCOPED_TRACE(bad_size);
     tw::etl_writer w = regular();
     w.add_buffer({event(1)});
-    tw::buffer_spec spec;
-    spec.buffer_size = 600;
-    const size_t at = w.add_buffer({event(2)}, spec);
+    tw::buffer_spec shape;
+    shape.buffer_size = 600;
+    const size_t at = w.add_buffer({event(2)}, shape);
     w.patch_u32(at, bad_size);
     // 600 bytes remain: parsed as one buffer. Its records are limited by the
     // size its header states: none for a zero size, all for the large one.

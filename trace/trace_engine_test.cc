@@ -27,9 +27,9 @@ struct fixture {
     engine.decode_enabled = false;
     engine.store.group_guids[0x0300] = qv::make_guid(kProcessGroup.data());
   }
-  size_t add(const std::vector<tw::bytes>& records, tw::buffer_spec spec = {}) {
-    if (spec.timestamp == 0) spec.timestamp = kT0 + 1000000;
-    size_t at = w.add_buffer(records, spec);
+  size_t add(const std::vector<tw::bytes>& records, tw::buffer_spec shape = {}) {
+    if (shape.timestamp == 0) shape.timestamp = kT0 + 1000000;
+    size_t at = w.add_buffer(records, shape);
     buffers.push_back(at);
     return at;
   }
@@ -165,10 +165,10 @@ TEST(TraceEngine, DamageIsSteppedOverAndThePlaceholderTakesTheNextKey) {
 
 TEST(TraceEngine, DamageWithNoOffsetGivesUpTheRestOfTheBuffer) {
   fixture f;
-  tw::buffer_spec spec;
-  spec.offset = 0;
+  tw::buffer_spec shape;
+  shape.offset = 0;
   f.add({tw::event_header_record(event(1, kT0)), tw::bytes(16, 0xAB), tw::event_header_record(event(2, kT0))},
-        spec);
+        shape);
   f.read(0);
   ASSERT_EQ(f.engine.records.size(), 1u);
   EXPECT_EQ(f.engine.records.begin()->event_id, 1);
@@ -221,12 +221,12 @@ TEST(TraceEngine, RawClockTimeTests) {
   tw::event_spec ok = event(2, 4000000);
   tw::event_spec small_compact = event(0x0302, 0x40000);
   tw::event_spec good_compact = event(0x0303, 0x50000);
-  tw::buffer_spec spec;
-  spec.timestamp = 4500000;
-  spec.offset = 0;  // no resync: a refused record ends the buffer
-  f.add({tw::event_header_record(ok), tw::compact_header_record(good_compact)}, spec);
-  f.add({tw::event_header_record(late)}, spec);
-  f.add({tw::compact_header_record(small_compact)}, spec);
+  tw::buffer_spec shape;
+  shape.timestamp = 4500000;
+  shape.offset = 0;  // no resync: a refused record ends the buffer
+  f.add({tw::event_header_record(ok), tw::compact_header_record(good_compact)}, shape);
+  f.add({tw::event_header_record(late)}, shape);
+  f.add({tw::compact_header_record(small_compact)}, shape);
   f.read(0);
   ASSERT_EQ(f.engine.records.size(), 2u);
   EXPECT_EQ(f.engine.records.begin()[1].kind, kind_c011);

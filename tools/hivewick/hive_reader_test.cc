@@ -187,10 +187,10 @@ hw::key_spec tree() {
 
 TEST(HiveWriter, EveryStructureReadsBack) {
   for (uint32_t minor : {3u, 5u}) {
-    hw::hive_spec spec;
-    spec.root = tree();
-    spec.minor = minor;
-    hw::written_hive w = hw::write_hive(spec);
+    hw::hive_spec shape;
+    shape.root = tree();
+    shape.minor = minor;
+    hw::written_hive w = hw::write_hive(shape);
     hive h;
     ASSERT_TRUE(h.open(qv::byte_span(w.data.data(), w.data.size())));
     EXPECT_TRUE(h.header().checksum_ok());
@@ -244,9 +244,9 @@ TEST(HiveWriter, EveryStructureReadsBack) {
 }
 
 TEST(HiveReader, BaseBlockChecks) {
-  hw::hive_spec spec;
-  spec.root = tree();
-  hw::written_hive w = hw::write_hive(spec);
+  hw::hive_spec shape;
+  shape.root = tree();
+  hw::written_hive w = hw::write_hive(shape);
   hive h;
 
   std::vector<uint8_t> junk(8192, 0x41);
@@ -283,9 +283,9 @@ TEST(HiveReader, BaseBlockChecks) {
 }
 
 TEST(HiveReader, DamagedBinHeaderIsSteppedOver) {
-  hw::hive_spec spec;
-  spec.root = tree();
-  hw::written_hive w = hw::write_hive(spec);
+  hw::hive_spec shape;
+  shape.root = tree();
+  hw::written_hive w = hw::write_hive(shape);
   // The bins as written, to pick one that doesn't hold the key "Many".
   std::vector<size_t> starts;
   for (size_t at = 4096; at + 32 <= w.data.size();
@@ -312,9 +312,9 @@ TEST(HiveReader, DamagedBinHeaderIsSteppedOver) {
 }
 
 TEST(HiveReader, DamagedCellsAndListsGiveWhatCanBeRead) {
-  hw::hive_spec spec;
-  spec.root = tree();
-  hw::written_hive w0 = hw::write_hive(spec);
+  hw::hive_spec shape;
+  shape.root = tree();
+  hw::written_hive w0 = hw::write_hive(shape);
   hive h;
   key_node k;
   auto open = [&](hw::written_hive& w) {
@@ -416,11 +416,11 @@ TEST(HiveReader, DamagedCellsAndListsGiveWhatCanBeRead) {
 }
 
 TEST(HiveReader, KeyPathsStartWhereAnalystsWriteThem) {
-  hw::hive_spec spec;
-  spec.root = hw::software_root({hw::publisher("{00000000-0000-0000-0000-000000000001}", "P",
+  hw::hive_spec shape;
+  shape.root = hw::software_root({hw::publisher("{00000000-0000-0000-0000-000000000001}", "P",
                                                "p.dll", 1)},
                                 1);
-  hw::written_hive w = hw::write_hive(spec);
+  hw::written_hive w = hw::write_hive(shape);
   hive h;
   ASSERT_TRUE(h.open(qv::byte_span(w.data.data(), w.data.size())));
   key_node k;
@@ -481,10 +481,10 @@ TEST(HiveReader, NamesAndValueText) {
 // Hostile bytes: every cut of a written hive and a spray of flipped bytes.
 // Nothing may crash (the sanitizer build checks the reads) or run away.
 TEST(HiveReader, CutsAndFlipsNeverEscape) {
-  hw::hive_spec spec;
-  spec.root = tree();
-  spec.bin_size = 8192;
-  hw::written_hive w = hw::write_hive(spec);
+  hw::hive_spec shape;
+  shape.root = tree();
+  shape.bin_size = 8192;
+  hw::written_hive w = hw::write_hive(shape);
   // Returns the keys read on a walk from the root.
   auto exercise = [](const std::vector<uint8_t>& bytes) {
     hive h;

@@ -63,7 +63,7 @@ uint32_t upper(uint32_t c) {
 
 class builder {
  public:
-  builder(const hive_spec& spec, written_hive& out) : spec_(spec), out_(out) {
+  builder(const hive_spec& shape, written_hive& out) : spec_(shape), out_(out) {
     out_.data.assign(4096, 0);
   }
 
@@ -257,24 +257,24 @@ bool written_hive::write_file(const std::string& path) const {
   return std::fclose(f) == 0 && ok;
 }
 
-written_hive write_hive(const hive_spec& spec) {
+written_hive write_hive(const hive_spec& shape) {
   written_hive out;
-  builder b(spec, out);
-  uint32_t root = b.write_key(spec.root, 0xFFFFFFFFu, "", true);
+  builder b(shape, out);
+  uint32_t root = b.write_key(shape.root, 0xFFFFFFFFu, "", true);
   b.close_bin();
   bytes& d = out.data;
   std::copy_n("regf", 4, d.begin());
-  put32(d, 4, spec.sequence1);
-  put32(d, 8, spec.sequence2);
-  put64(d, 12, spec.time_stamp);
+  put32(d, 4, shape.sequence1);
+  put32(d, 8, shape.sequence2);
+  put64(d, 12, shape.time_stamp);
   put32(d, 20, 1);
-  put32(d, 24, spec.minor);
+  put32(d, 24, shape.minor);
   put32(d, 28, 0);
   put32(d, 32, 1);
   put32(d, 36, root);
   put32(d, 40, uint32_t(d.size() - 4096));
   put32(d, 44, 1);
-  bytes name = utf16(spec.file_name);
+  bytes name = utf16(shape.file_name);
   std::copy_n(name.begin(), std::min<size_t>(name.size(), 62), d.begin() + 48);
   out.fix_checksum();
   return out;

@@ -70,7 +70,7 @@ struct written_hive {
   bool write_file(const std::string& path) const;
 };
 
-written_hive write_hive(const hive_spec& spec);
+written_hive write_hive(const hive_spec& shape);
 
 // UTF-16LE of UTF-8 text with a terminating zero unit (REG_SZ data).
 bytes sz(const std::string& utf8);

@@ -28,8 +28,8 @@ const char* const publishers_key = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion
 // A SOFTWARE-like hive: two named publishers (one without a message file),
 // one GUID key without a name, one key whose name isn't a GUID.
 hw::written_hive software_hive() {
-  hw::hive_spec spec;
-  spec.root = hw::software_root(
+  hw::hive_spec shape;
+  shape.root = hw::software_root(
       {hw::publisher("{1AC55562-D4FF-4BC5-8EF3-A18E07C4668E}", "Microsoft-Windows-Test-One",
                      "%SystemRoot%\\system32\\one.dll", t1),
        hw::publisher("{2B0EAC4F-0000-4D2A-9000-0000000000AB}", "Test-NoMessageFile", "", t2),
@@ -37,9 +37,9 @@ hw::written_hive software_hive() {
        hw::publisher("Not-A-Guid", "Odd", "odd.dll", 0)},
       t3);
   // A subkey below the first publisher, as Windows keeps channel references.
-  spec.root.subkeys[1].subkeys[0].subkeys[0].subkeys[0].subkeys[0].subkeys[0].subkeys.push_back(
+  shape.root.subkeys[1].subkeys[0].subkeys[0].subkeys[0].subkeys[0].subkeys[0].subkeys.push_back(
       {"ChannelReferences", t3});
-  return hw::write_hive(spec);
+  return hw::write_hive(shape);
 }
 
 struct temp_dir {
@@ -270,15 +270,15 @@ TEST(Hivewick, DamagedHivesAreListedAsFarAsTheyGo) {
   EXPECT_EQ(lines_of(out).size(), 4u);
 
   // Text that would break the line is marked instead.
-  hw::hive_spec spec;
-  spec.root = {"R", t1};
+  hw::hive_spec shape;
+  shape.root = {"R", t1};
   hw::key_spec k{"{55555555-5555-5555-5555-555555555555}", t1};
   k.values.push_back({"", hivewick::REG_SZ, hw::sz("a\r\nb\nc\rd\n\re\tf\x01g")});
-  spec.root.subkeys.push_back(k);
+  shape.root.subkeys.push_back(k);
   hw::key_spec blank{"{66666666-6666-6666-6666-666666666666}", 0};
   blank.values.push_back({"", hivewick::REG_SZ, hw::sz(" \t ")});
-  spec.root.subkeys.push_back(blank);
-  hw::written_hive odd = hw::write_hive(spec);
+  shape.root.subkeys.push_back(blank);
+  hw::written_hive odd = hw::write_hive(shape);
   out.clear();
   o.key_path = "";
   o.pair_datetime = true;
