@@ -323,7 +323,7 @@ void guess_payload(decoded_fields& fields, uint64_t base, const uint8_t* data, u
     if (decoded_field* f = emit(fields, base + static_cast<uint64_t>(pos), name, type,
                                 static_cast<uint32_t>(c.size))) {
       f->text = c.text;
-      if (c.kind == ck_string) mark_line_ends(f->text);
+      if (c.kind == ck_string) qv::flatten_line_breaks(f->text);
     }
     pos += c.size;
     left -= c.size;

@@ -334,7 +334,7 @@ int32_t decode_complex_field(const event_template& tmpl, decoded_fields& fields,
           set_missing(f);
           n = 2;
         } else {
-          mark_line_ends(f.text);
+          qv::flatten_line_breaks(f.text);
         }
         f.size = n;
         off += n;
@@ -348,7 +348,7 @@ int32_t decode_complex_field(const event_template& tmpl, decoded_fields& fields,
       decoded_field& f = slot(fields, base);
       set_word(f, word, name);
       assign_ascii(f.text, p, n);
-      if (f.text.empty()) set_missing(f); else mark_line_ends(f.text);
+      if (f.text.empty()) set_missing(f); else qv::flatten_line_breaks(f.text);
       f.size = n;
       return static_cast<int32_t>(n);
     }
@@ -370,7 +370,7 @@ int32_t decode_complex_field(const event_template& tmpl, decoded_fields& fields,
           set_missing(f);
           step = 2;
         } else {
-          mark_line_ends(f.text);
+          qv::flatten_line_breaks(f.text);
         }
         f.size = step;
         off += step;
@@ -432,7 +432,7 @@ int32_t decode_complex_field(const event_template& tmpl, decoded_fields& fields,
       decoded_field& f = slot(fields, base);
       set_word(f, word, name);
       assign_ascii(f.text, p, n);
-      if (f.text.empty()) set_missing(f); else mark_line_ends(f.text);
+      if (f.text.empty()) set_missing(f); else qv::flatten_line_breaks(f.text);
       f.size = static_cast<uint32_t>(n);
       return static_cast<int32_t>(n);
     }
@@ -446,7 +446,7 @@ int32_t decode_complex_field(const event_template& tmpl, decoded_fields& fields,
       // A length field that counted bytes where characters were meant shows
       // as a limit of exactly twice what the text took.
       const uint64_t used = (limit == 2 * uint64_t{read}) ? read : limit;
-      if (f.text.empty()) set_missing(f); else mark_line_ends(f.text);
+      if (f.text.empty()) set_missing(f); else qv::flatten_line_breaks(f.text);
       f.size = static_cast<uint32_t>(used);
       return clamp32(static_cast<int64_t>(used));
     }
@@ -463,7 +463,7 @@ int32_t decode_complex_field(const event_template& tmpl, decoded_fields& fields,
           set_missing(f);
           read = 2;
         } else {
-          mark_line_ends(f.text);
+          qv::flatten_line_breaks(f.text);
         }
         f.size = read;
         off += read;
@@ -479,7 +479,7 @@ int32_t decode_complex_field(const event_template& tmpl, decoded_fields& fields,
       if (decoded_field* f = fields.add(base)) {
         set_word(*f, word, name);
         assign_ascii(f->text, p, n);
-        if (f->text.empty()) set_missing(*f); else mark_line_ends(f->text);
+        if (f->text.empty()) set_missing(*f); else qv::flatten_line_breaks(f->text);
         f->size = 0;
       }
       return 0;
@@ -574,7 +574,7 @@ int32_t walk_template(const event_template& tmpl, decoded_fields& fields, const 
           f.size = 0;
           advance = n == 0 ? 2 : n;
         } else {
-          mark_line_ends(f.text);
+          qv::flatten_line_breaks(f.text);
           f.size = n;
           advance = n;
         }
@@ -590,7 +590,7 @@ int32_t walk_template(const event_template& tmpl, decoded_fields& fields, const 
           f.size = 1;
           advance = 1;
         } else {
-          mark_line_ends(f.text);
+          qv::flatten_line_breaks(f.text);
           const size_t next = static_cast<size_t>(pos) + length;
           advance = static_cast<int64_t>(length) + (qv::rd_u8(payload, limit, next) == 0 ? 1 : 0);
           f.size = static_cast<uint32_t>(advance);

@@ -25,10 +25,3 @@ void append_hex_bytes(std::string& out, const uint8_t* data, size_t size);
 
 // Appends `value` in decimal.
 void append_decimal(std::string& out, uint64_t value);
-
-// Marks line ends in a decoded text so that it stays on one row: an LF
-// right after a CR gives "[CRLF]", an LF right before a CR "[LFCR]", any
-// other LF "[LF]"; only a text without any LF has its CRs turned to "[CR]".
-// An LF whose preceding CR was already taken by an "[LFCR]" is copied
-// through, followed by "[CRLF]".
-void mark_line_ends(std::string& text);

@@ -1,4 +1,5 @@
 #include "decode/render.h"
+#include "support/qv_string.h"
 
 #include <gtest/gtest.h>
 
@@ -145,7 +146,7 @@ TEST(MarkLineEnds, LineBreakForms) {
   };
   for (const auto& c : cases) {
     std::string text = c.in;
-    mark_line_ends(text);
+    qv::flatten_line_breaks(text);
     EXPECT_EQ(text, c.out) << "input of " << c.in.size() << " bytes";
   }
 }

@@ -511,51 +511,6 @@ void write_report_row(std::ostream& out, const report_row& row, cmd_params& opts
   out.write(line.data(), static_cast<std::streamsize>(line.size()));
 }
 
-void flatten_line_breaks(std::string& text) {
-  if (text.empty()) return;
-  const size_t first_lf = text.find('\n');
-  if (first_lf == std::string::npos) {
-    if (text.find('\r') == std::string::npos) return;
-    // No LF anywhere: every CR stands alone.
-    thread_local std::string marked;
-    marked.clear();
-    for (char c : text) {
-      if (c == '\r') marked += "[CR]"; else marked.push_back(c);
-    }
-    text.swap(marked);
-    return;
-  }
-  // The LFs are taken left to right; a CR is only consumed by an LF beside
-  // it, so a lone CR in a text that has LFs stays as it is. `copied` is where
-  // the text not yet copied starts.
-  thread_local std::string marked;
-  marked.clear();
-  size_t copied = 0;
-  for (size_t i = first_lf; i != std::string::npos; i = text.find('\n', i + 1)) {
-    if (i > 0 && text[i - 1] == '\r') {
-      if (i - 1 >= copied) {
-        marked.append(text, copied, i - 1 - copied);
-      } else {
-        // The CR before this LF already went into an "[LFCR]": the LF
-        // itself is copied through.
-        marked.append(text, copied, i + 1 - copied);
-      }
-      marked += "[CRLF]";
-      copied = i + 1;
-    } else if (i + 1 < text.size() && text[i + 1] == '\r') {
-      marked.append(text, copied, i - copied);
-      marked += "[LFCR]";
-      copied = i + 2;
-    } else {
-      marked.append(text, copied, i - copied);
-      marked += "[LF]";
-      copied = i + 1;
-    }
-  }
-  if (copied < text.size()) marked.append(text, copied, std::string::npos);
-  text.swap(marked);
-}
-
 bool filetime_text::set(uint64_t ticks, const qv::datetime_format& fmt) {
   if (!qv::is_valid_filetime(ticks)) return false;
   const uint32_t key = static_cast<uint32_t>(static_cast<uint8_t>(fmt.separator)) |

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "support/qv_string.h"
+
 #include "support/qv_datetime.h"
 
 class cmd_params;
@@ -114,7 +116,7 @@ void write_column_line(std::ostream& out, cmd_params& opts);
 // Writes one row as one line (the column line first if still pending).
 void write_report_row(std::ostream& out, const report_row& row, cmd_params& opts);
 // Line breaks to "[CRLF]", "[LFCR]", "[LF]", "[CR]", in place.
-void flatten_line_breaks(std::string& text);
+using qv::flatten_line_breaks;
 
 // Date and time text of FILETIME stamps for the row writers. The date text
 // is kept per day and per format, so a run of events costs a few divisions

@@ -773,4 +773,49 @@ size_t read_counted_strings(std::vector<std::string>& out, const uint8_t* data, 
   return consumed;
 }
 
+void flatten_line_breaks(std::string& text) {
+  if (text.empty()) return;
+  const size_t first_lf = text.find('\n');
+  if (first_lf == std::string::npos) {
+    if (text.find('\r') == std::string::npos) return;
+    // No LF anywhere: every CR stands alone.
+    thread_local std::string marked;
+    marked.clear();
+    for (char c : text) {
+      if (c == '\r') marked += "[CR]"; else marked.push_back(c);
+    }
+    text.swap(marked);
+    return;
+  }
+  // The LFs are taken left to right; a CR is only consumed by an LF beside
+  // it, so a lone CR in a text that has LFs stays as it is. `copied` is where
+  // the text not yet copied starts.
+  thread_local std::string marked;
+  marked.clear();
+  size_t copied = 0;
+  for (size_t i = first_lf; i != std::string::npos; i = text.find('\n', i + 1)) {
+    if (i > 0 && text[i - 1] == '\r') {
+      if (i - 1 >= copied) {
+        marked.append(text, copied, i - 1 - copied);
+      } else {
+        // The CR before this LF already went into an "[LFCR]": the LF
+        // itself is copied through.
+        marked.append(text, copied, i + 1 - copied);
+      }
+      marked += "[CRLF]";
+      copied = i + 1;
+    } else if (i + 1 < text.size() && text[i + 1] == '\r') {
+      marked.append(text, copied, i - copied);
+      marked += "[LFCR]";
+      copied = i + 2;
+    } else {
+      marked.append(text, copied, i - copied);
+      marked += "[LF]";
+      copied = i + 1;
+    }
+  }
+  if (copied < text.size()) marked.append(text, copied, std::string::npos);
+  text.swap(marked);
+}
+
 }  // namespace qv

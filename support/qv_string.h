@@ -67,6 +67,10 @@ void replace_char(std::wstring& s, wchar_t from, wchar_t to, bool ignore_case = 
 // Removes the first occurrence of `what`; with `ignore_case` lowers `what` in place.
 bool erase_first(std::string& s, std::string& what, bool ignore_case);
 void pad_blanks(std::ostream& out, size_t n);
+// Line breaks to "[CRLF]", "[LFCR]" and "[LF]", left to right over the LFs;
+// only a text without any LF has its CRs turned to "[CR]". An LF whose CR
+// was already taken by an "[LFCR]" is copied through, then "[CRLF]". In place.
+void flatten_line_breaks(std::string& text);
 // Expands %NAME% references from the environment, in place; returns `text`.
 // Expanded values are scanned again; the work stops once the text exceeds 512
 // characters. With `shadow_form`, an undefined %vss% becomes the prefix of a
