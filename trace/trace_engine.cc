@@ -198,7 +198,8 @@ uint32_t decode_extended_items(trace_engine& e, etl_record& rec, const uint8_t* 
                                uint32_t limit, uint64_t base, const uint8_t* buffer_end,
                                bool ptr64) {
   uint32_t used = 0;
-  event_template schema;
+  // Reused from event to event: a schema's lists keep their storage.
+  thread_local event_template schema;
   bool have_schema = false;
   const size_t readable = static_cast<size_t>(buffer_end - area);
   for (;;) {
