@@ -93,7 +93,8 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
     // A compressed buffer expands to at most the buffer size the session
     // ran with, which the log header states (its own first buffer may be
     // smaller).
-    largest_buffer = std::max(engine.header.BufferSize, buffer_size);
+    largest_buffer = static_cast<uint32_t>(std::min<uint64_t>(
+        std::max(engine.header.BufferSize, buffer_size), qv::limits::kMaxBufferRead));
     opts.session_name = engine.logger_name.empty() ? kNotAvailable : engine.logger_name;
     opts.orig_source_path = engine.log_file_name.empty() ? kNotAvailable : engine.log_file_name;
     write_header_info_row(engine.header, held, opts);
