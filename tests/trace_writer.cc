@@ -289,6 +289,38 @@ size_t etl_writer::add_buffer(const std::vector<bytes>& records, buffer_spec s) 
   return at;
 }
 
+size_t etl_writer::add_compressed_buffer(const std::vector<bytes>& records, uint64_t timestamp) {
+  bytes plain;
+  for (const bytes& r : records) {
+    plain.insert(plain.end(), r.begin(), r.end());
+    plain.resize((plain.size() + 7) & ~size_t(7), 0);
+  }
+  // Literals only: a zero flag bit per byte; the end is a one bit with no
+  // input left, in a flag word of its own when the last one is full.
+  bytes stream;
+  size_t i = 0;
+  for (;;) {
+    const size_t n = std::min<size_t>(32, plain.size() - i);
+    const uint32_t flags = n == 32 ? 0u : (n == 0 ? 0xFFFFFFFFu : (0xFFFFFFFFu >> n));
+    for (int k = 0; k < 4; ++k) stream.push_back(uint8_t(flags >> (8 * k)));
+    stream.insert(stream.end(), plain.begin() + static_cast<std::ptrdiff_t>(i),
+                  plain.begin() + static_cast<std::ptrdiff_t>(i + n));
+    i += n;
+    if (n < 32) break;
+  }
+  bytes b(72, 0);
+  b.insert(b.end(), stream.begin(), stream.end());
+  put32(b, 0, uint32_t(b.size()));
+  put32(b, 4, uint32_t(72 + plain.size()));
+  put64(b, 16, timestamp);
+  put16(b, 42, 1);
+  put32(b, 48, uint32_t(72 + plain.size()));
+  put16(b, 52, 0x0040);
+  const size_t at = out_.size();
+  append(b);
+  return at;
+}
+
 size_t etl_writer::add_rlfs_buffer(const std::vector<bytes>& records, uint32_t buffer_size,
                                    uint64_t timestamp, uint8_t processor) {
   bytes b(72, 0);

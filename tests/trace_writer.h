@@ -135,6 +135,11 @@ class etl_writer {
   // The total size is `shape.buffer_size` (default: the log header's buffer
   // size, or 4096 without one).
   size_t add_buffer(const std::vector<bytes>& records, buffer_spec shape = {});
+  // A buffer as a session in compressed mode writes it: the header with flag
+  // 0x0040 and Offset the size of the records, then the records as a stream
+  // of literals only (a valid stream, if not a small one); BufferSize is the
+  // size on disk.
+  size_t add_compressed_buffer(const std::vector<bytes>& records, uint64_t timestamp);
   // A buffer with an "RlFs" header: marker, size at 4, Offset at 48.
   size_t add_rlfs_buffer(const std::vector<bytes>& records, uint32_t buffer_size,
                          uint64_t timestamp, uint8_t processor = 0);

@@ -162,3 +162,18 @@ TEST(FileWalk, EveryTruncationIsReadWithoutAFault) {
     if (n < 7) break;
   }
 }
+
+TEST(FileWalk, CompressedBuffersAreExpandedAndDamagedOnesPassedOver) {
+  tw::etl_writer w = regular();
+  w.add_compressed_buffer({event(1), event(2)}, kT0 + 100);
+  const size_t damaged = w.add_compressed_buffer({event(3)}, kT0 + 100);
+  w.add_buffer({event(4)});
+  walk_result r = walk(w.data(), "compressed.etl");
+  EXPECT_TRUE(r.accepted);
+  EXPECT_EQ(r.text, "---------------------\nfile: compressed.etl\n\n" + stats_of({{1, 1}, {2, 1}, {3, 1}, {4, 1}}));
+  // A stream that doesn't give Offset - 72 bytes is damage: that buffer
+  // alone is given up.
+  w.patch_u32(damaged + 48, 72 + 200);
+  r = walk(w.data(), "damaged.etl");
+  EXPECT_EQ(r.text, "---------------------\nfile: damaged.etl\n\n" + stats_of({{1, 1}, {2, 1}, {4, 1}}));
+}
