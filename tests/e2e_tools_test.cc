@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tests/e2e_util.h"
+#include "tests/trace_writer.h"
 
 namespace {
 
@@ -127,4 +128,46 @@ TEST(DependencyTools, Quon64NamesAndFoldersWithBlanks) {
   e2e::run_result r = blank.run("-extract_bxml a.dll");
   EXPECT_EQ(r.status, 255);
   EXPECT_EQ(r.err, "can't find the dependency tool: \"" + blank.folder + "/modsift\", aborting\n");
+}
+
+// The harvest round trip: layouts taken from a Windows DLL by the real
+// modsift beside quon, then used to decode a trace whose events carry
+// payloads laid out as that manifest's templates say (Large.man: event 2,
+// Template3 of UInt8, UInt16, UInt32, HexInt32; event 8, Template7 of three
+// UInt8 lengths and a UTF-16, an ANSI and a binary field of those lengths).
+TEST(DependencyTools, HarvestedLayoutsDecodeATrace) {
+  const std::string dll = std::string(QUON_SHARED_DIR) + "/wevt/pe/large64.dll";
+  struct stat st {};
+  if (::stat(dll.c_str(), &st) != 0) GTEST_SKIP() << "no test DLL";
+  e2e::temp_dir dir;
+  const std::string layouts = dir.path("layouts.txt");
+  e2e::run_result r = e2e::run_quon("-quiet -extract_bxml " + dll + " -out " + layouts);
+  ASSERT_EQ(r.status, 0) << r.err;
+
+  const tw::guid provider = tw::guid_from_text("716efef7-5ac2-4ee0-8277-d9226411a155");
+  tw::log_header_spec h;
+  h.buffer_size = 4096;
+  h.start_time = h.system_time = 134170743671234567ull;
+  tw::etl_writer w;
+  w.log_header(h);
+  tw::event_spec two;
+  two.provider = provider;
+  two.id = 2;
+  two.time = h.start_time;
+  two.payload = {0x11, 0x33, 0x22, 0x77, 0x66, 0x55, 0x44, 0xbb, 0xaa, 0x99, 0x88};
+  tw::event_spec eight = two;
+  eight.id = 8;
+  eight.payload = {3, 4, 2, 'a', 0, 'b', 0, 'c', 0, 'w', 'x', 'y', 'z', 0xbe, 0xef};
+  w.add_buffer({tw::event_header_record(two), tw::event_header_record(eight)});
+  const std::string trace = dir.write("large.etl", w.data());
+
+  r = e2e::run_quon("-quiet -templates " + layouts + " -log " + trace);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("| ProviderName1.716EFEF75AC24EE08277D9226411A155 "), std::string::npos);
+  EXPECT_NE(r.out.find("data{\"01-EventName4\":\"{guess}\";\"02-Data4\":\"0x11\";\"03-Data6\":\"0x2233\";"
+                       "\"04-Data8\":\"0x44556677\";\"05-Data22\":\"0x8899aabb\"}\n"),
+            std::string::npos);
+  EXPECT_NE(r.out.find("data{\"01-Length1\":\"0x03\";\"02-Length2\":\"0x04\";\"03-Length3\":\"0x02\";"
+                       "\"04-VarLengthData3\":\"abc\";\"05-VarLengthData4\":\"wxyz\";\"06-VarLengthData16\":\"beef\"}\n"),
+            std::string::npos);
 }
