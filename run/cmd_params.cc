@@ -36,6 +36,14 @@ std::string base_program_name(const std::string& path) {
   return name;
 }
 
+// The separator of an output form, and the character replaced inside cells
+// by its substitute.
+void use_separator(cmd_params& o, const char* separator, char replaced, char substitute) {
+  o.separator = separator;
+  o.separator_char = replaced;
+  o.sub_separator_char = substitute;
+}
+
 // -filter patterns: lowered, split at "|" (else ","), one path_filter each.
 void add_filters(std::vector<path_filter>& list, std::string text, const std::string& filter_path) {
   qv::to_lower(text);
@@ -152,30 +160,22 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
   if (has_word("-l3", args)) o.diags_level = 3;
   if (has_word("-csv", args)) {
     o.format_csv = true;
-    o.separator = ",";
-    o.separator_char = ',';
-    o.sub_separator_char = ' ';
+    use_separator(o, ",", ',', ' ');
     o.no_whitespace = !o.pair_datetime;
   }
   if (has_word("-csvgen", args)) {
     o.format_csvgen = true;
-    o.separator = ",";
-    o.separator_char = ',';
-    o.sub_separator_char = ' ';
+    use_separator(o, ",", ',', ' ');
     o.no_whitespace = true;
   }
   if (has_word("-csvl2t", args)) {
     o.format_l2t = true;
-    o.separator = ",";
-    o.separator_char = ',';
-    o.sub_separator_char = ' ';
+    use_separator(o, ",", ',', ' ');
     o.header_row_pending = true;
   }
   if (has_word("-bodyfile", args)) {
     o.format_bodyfile = true;
-    o.separator = "|";
-    o.separator_char = '|';
-    o.sub_separator_char = ';';
+    use_separator(o, "|", '|', ';');
     o.header_row_pending = true;
   }
   if (has_word("-xml", args)) {

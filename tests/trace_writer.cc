@@ -43,6 +43,25 @@ bytes finish_record(bytes rec, const event_spec& e, size_t size_field_offset) {
   return rec;
 }
 
+// The first 48 bytes of EVENT_HEADER, shared by the full header and the
+// event header forms: type, flags, property, thread, process, time,
+// provider and the descriptor up to its task.
+void put_header_head(bytes& r, uint16_t type, uint16_t flags, const event_spec& e) {
+  put16(r, 2, type);
+  put16(r, 4, flags);
+  put16(r, 6, e.event_property);
+  put32(r, 8, e.thread_id);
+  put32(r, 12, e.process_id);
+  put64(r, 16, e.time);
+  put_guid(r, 24, e.provider);
+  put16(r, 40, e.id);
+  r[42] = e.version;
+  r[43] = e.channel;
+  r[44] = e.level;
+  r[45] = e.opcode;
+  put16(r, 46, e.task);
+}
+
 }  // namespace
 
 guid guid_from_text(const std::string& text) {
@@ -82,21 +101,7 @@ bytes utf16(const std::string& text) {
 
 bytes event_header_record(const event_spec& e, bool kind7) {
   bytes r(80, 0);
-  put16(r, 2, kind7 ? 0xC013 : 0xC012);
-  uint16_t flags = e.flags;
-  if (!e.extended.empty()) flags |= 1;
-  put16(r, 4, flags);
-  put16(r, 6, e.event_property);
-  put32(r, 8, e.thread_id);
-  put32(r, 12, e.process_id);
-  put64(r, 16, e.time);
-  put_guid(r, 24, e.provider);
-  put16(r, 40, e.id);
-  r[42] = e.version;
-  r[43] = e.channel;
-  r[44] = e.level;
-  r[45] = e.opcode;
-  put16(r, 46, e.task);
+  put_header_head(r, kind7 ? 0xC013 : 0xC012, e.extended.empty() ? e.flags : uint16_t(e.flags | 1), e);
   put64(r, 48, e.keyword);
   put64(r, 56, e.time_word);
   put_guid(r, 64, e.activity);
@@ -105,19 +110,7 @@ bytes event_header_record(const event_spec& e, bool kind7) {
 
 bytes full_header_record(const event_spec& e, bool wide) {
   bytes r(48, 0);
-  put16(r, 2, wide ? 0xC014 : 0xC00A);
-  put16(r, 4, e.flags);
-  put16(r, 6, e.event_property);
-  put32(r, 8, e.thread_id);
-  put32(r, 12, e.process_id);
-  put64(r, 16, e.time);
-  put_guid(r, 24, e.provider);
-  put16(r, 40, e.id);
-  r[42] = e.version;
-  r[43] = e.channel;
-  r[44] = e.level;
-  r[45] = e.opcode;
-  put16(r, 46, e.task);
+  put_header_head(r, wide ? 0xC014 : 0xC00A, e.flags, e);
   return finish_record(std::move(r), e, 0);
 }
 
