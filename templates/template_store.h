@@ -56,6 +56,7 @@ struct template_store {
 // One template or one provider declaration (a record with no words).
 struct template_record {
   std::vector<uint16_t> builds;  // Windows builds of this layout; may be empty
+  int16_t version = -1;          // event version the layout was declared for; -1: any
   std::string layout_text;       // text line only: GUID column, names and words
   template_digest key{};         // text line only: digest of layout_text
   qv::guid16 guid{};

@@ -133,6 +133,9 @@ bool parse_template_line(template_record& record, const std::string& line) {
         break;
       case 'C':  // a comment column
         break;
+      case 'V':  // the event version this layout was declared for
+        if (token.size() > 1) record.version = int16_t(uint8_t(number_of(token.substr(1))));
+        break;
       default: {
         uint32_t word = number_of(token);
         record.words.push_back(uint16_t(word));
@@ -144,6 +147,12 @@ bool parse_template_line(template_record& record, const std::string& line) {
         break;
       }
     }
+  }
+  // A versioned line is its own layout: its version and builds are part of
+  // what makes two lines equal, so lines that differ only in them don't merge.
+  if (record.version >= 0) {
+    record.layout_text += "V" + std::to_string(record.version);
+    for (uint16_t b : record.builds) record.layout_text += "#" + std::to_string(b);
   }
   record.key = digest_of(record.layout_text);
   return true;

@@ -223,6 +223,27 @@ TEST(TemplateText, EqualLayoutsMerge) {
   EXPECT_EQ(s.records.size(), 2u);
 }
 
+TEST(TemplateText, VersionedLinesStayApart) {
+  const std::string g = G;
+  template_source s = load_lines({
+      g + " ! $5, V2, LA, 8, 1",
+      g + " ! $5, V1, LA, 8, 1",          // another version: another layout
+      g + " ! $6, V2, LA, 8, 1",          // same version and builds: merged
+      g + " ! $7, V2, #18990, LA, 8, 1",  // same version, other builds: apart
+      g + " ! $8, LA, 8, 1",              // no version: any version
+      g + " ! $9, V300, LA, 8, 1",        // a version is one byte
+  });
+  ASSERT_EQ(s.records.size(), 5u);
+  EXPECT_EQ(s.records[0].version, 2);
+  EXPECT_EQ(s.records[0].ids, (ids{5, 6}));
+  EXPECT_EQ(s.records[1].version, 1);
+  EXPECT_EQ(s.records[2].builds, ids{18990});
+  EXPECT_EQ(s.records[3].version, -1);
+  EXPECT_EQ(s.records[4].version, 300 & 0xFF);
+  // The version token makes no field.
+  EXPECT_EQ(s.records[0].words, (ids{8, 1}));
+}
+
 TEST(TemplateText, FilesAndLineBreaks) {
   template_source s;
   EXPECT_FALSE(load_template_text(s, "/nonexistent/quon/templates.txt"));
