@@ -9,7 +9,7 @@
 #include <cstring>
 #include <map>
 
-#include "tools/modsift/layout_words.h"
+#include "templates/manifest_layout.h"
 #include "tools/modsift/modsift_text.h"
 #include "tools/modsift/wevt_blob.h"
 
@@ -108,8 +108,8 @@ void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_opt
           budget = 0;
         } else {
           budget -= t.properties.size();
-          layout l = layout_of(t, budget);
-          append_layout_tokens(c.tokens, l);
+          manifest_layout l = layout_of(t, budget);
+          append_layout_tokens(c.tokens, l.fields);
           c.empty = l.fields.empty();
           c.binxml = t.binxml;
           c.ok = true;
