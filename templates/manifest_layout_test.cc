@@ -6,6 +6,14 @@
 
 namespace {
 
+// "F" and 7 make "F7" (without operator+ on a temporary, which g++ 12
+// warns about wrongly).
+std::string numbered(const char* prefix, int i) {
+  std::string s(prefix);
+  s += std::to_string(i);
+  return s;
+}
+
 manifest_property p(const std::string& name, uint8_t in_type, uint32_t flags = 0, uint32_t count = 0,
                     uint32_t length = 0) {
   manifest_property x;
@@ -53,7 +61,7 @@ TEST(ManifestLayout, BackReferencesCountEntries) {
             ", LN, 6, LM, 7, LA, 0xa202, LB, 0xa201");
   // Fifteen entries back is the most a nibble holds; sixteen stops.
   std::vector<manifest_property> v = {p("Len", 5)};
-  for (int i = 0; i < 14; ++i) v.push_back(p("F" + std::to_string(i), 4));
+  for (int i = 0; i < 14; ++i) v.push_back(p(numbered("F", int(i)), 4));
   v.push_back(p("Str", 2, property_var_length, 0, 0));
   std::string got = tokens(v);
   EXPECT_NE(got.find(", LStr, 0xaf02"), std::string::npos) << got;
@@ -145,7 +153,7 @@ TEST(ManifestLayout, NamesBudgetAndFormatting) {
   // A table of many structures, each holding all the others: bounded work.
   manifest_template big;
   big.param_count = 64;
-  for (int i = 0; i < 64; ++i) big.properties.push_back(s("S" + std::to_string(i), 0, 64));
+  for (int i = 0; i < 64; ++i) big.properties.push_back(s(numbered("S", i), 0, 64));
   budget = 100000;
   manifest_layout lb = layout_of(big, budget);
   EXPECT_TRUE(lb.stopped);
