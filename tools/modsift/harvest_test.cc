@@ -346,6 +346,75 @@ TEST(Harvest, ManifestAndCompiledFormAgree) {
   EXPECT_EQ(events, size_t(7 + 6 + 12 + 3 + 2 + 137 + 333)) << events;
 }
 
+bytes text_bytes(const std::string& s) { return bytes(s.begin(), s.end()); }
+
+TEST(Harvest, ManifestInput) {
+  auto xml = [](const std::string& s) { return looks_like_xml(qv::byte_span(reinterpret_cast<const uint8_t*>(s.data()), s.size())); };
+  EXPECT_TRUE(xml("<x/>"));
+  EXPECT_TRUE(xml(" \r\n\t<?xml?>"));
+  EXPECT_TRUE(xml("\xEF\xBB\xBF<x/>"));
+  EXPECT_TRUE(xml(std::string("\xFF\xFE \0<\0", 6)));
+  EXPECT_TRUE(xml(std::string("\xFE\xFF\0 \0<", 6)));
+  EXPECT_FALSE(xml("MZ<"));
+  EXPECT_FALSE(xml("CRIM"));
+  EXPECT_FALSE(xml("   "));
+  EXPECT_FALSE(xml(""));
+
+  const std::string manifest =
+      "<instrumentationManifest><instrumentation><events>"
+      "<provider name=\"Odd,Name;x\" guid=\"{0a0b0c0d-1514-1716-1819-1a1b1c1d1e1f}\">"
+      "<events><event value=\"2\" version=\"1\" symbol=\"B!ang\" template=\"T\" level=\"nope\"/>"
+      "<event value=\"2\" version=\"3\" template=\"U\"/><event value=\"1\" template=\"E\"/>"
+      "<event value=\"5\"/></events>"
+      "<templates><template tid=\"T\"><data name=\"A\" inType=\"win:UInt16\"/></template>"
+      "<template tid=\"U\"><data name=\"N\" inType=\"win:UInt8\"/>"
+      "<struct name=\"S\" count=\"N\"><data name=\"X\" inType=\"win:UInt8\"/></struct></template>"
+      "<template tid=\"E\"/></templates></provider></events></instrumentation></instrumentationManifest>";
+  const std::string g = "{0a0b0c0d-1514-1716-1819-1a1b1c1d1e1f}";
+  std::vector<std::string> want = {
+      "#" + g + " ! Odd_Name_x",
+      g + " ! $1, V0, 0",                      // an empty template: a lone word 0
+      g + " ! $2, V3, LN, 4, LS, 0",           // newest version first
+      g + " ! $2, V1, LB_ang, 0x8001, LA, 6",  // named by its symbol
+  };
+  harvest_result r = harvest_bytes(text_bytes(manifest));
+  EXPECT_EQ(without_comments(r.text), want);
+  EXPECT_EQ(r.provider_lines, 1u);
+  EXPECT_EQ(r.template_lines, 3u);
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_NE(r.problems[0].find("event 2 version 1: unknown level \"nope\""), std::string::npos) << r.problems[0];
+  EXPECT_NE(r.text.find("// skipped: provider Odd,Name;x: event 2 version 1: unknown level"), std::string::npos);
+  EXPECT_EQ(r.text.rfind("// input: instrumentation manifest, 1 providers, 3 templates\n", 0), 0u) << r.text;
+  std::map<std::string, size_t> ended = {{"array of structures", 1}};
+  EXPECT_EQ(r.ended_early, ended);
+  expect_valid(r.text);
+
+  // The same manifest in UTF-16 with its byte order mark.
+  bytes wide = {0xFF, 0xFE};
+  for (char ch : manifest) {
+    wide.push_back(uint8_t(ch));
+    wide.push_back(0);
+  }
+  EXPECT_EQ(without_comments(harvest_bytes(wide).text), want);
+
+  // Refusals: unreadable XML, another XML document, a manifest of nothing.
+  r = harvest_bytes(text_bytes(manifest.substr(0, manifest.size() - 3)));
+  EXPECT_TRUE(r.text.empty());
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_EQ(r.problems[0].rfind("unreadable manifest: line 1: ", 0), 0u) << r.problems[0];
+  r = harvest_bytes(text_bytes("<doc/>"));
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_EQ(r.problems[0], "unreadable manifest: not an instrumentation manifest (root element <doc>)");
+  r = harvest_bytes(text_bytes("<instrumentationManifest/>"));
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_EQ(r.problems[0], "the manifest names no provider and holds no event template");
+  EXPECT_TRUE(r.text.empty());
+
+  // Every prefix of a real manifest: valid text or nothing, never a fault.
+  bytes real = read_all(kWevt + "/EventAttributes.man");
+  for (size_t n = 0; n < real.size(); ++n) expect_valid(harvest_bytes(bytes(real.begin(), real.begin() + n)).text);
+}
+
 modsift_test::t_provider sample_provider() {
   using namespace modsift_test;
   t_provider p;
