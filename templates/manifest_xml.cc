@@ -94,8 +94,9 @@ const named_value in_type_names[] = {
 };
 
 // The standard tables of the "win:" names.
+// "win:Always" is how the recreated manifests write level 0.
 const named_value standard_levels[] = {
-    {"win:LogAlways", 0}, {"win:Critical", 1}, {"win:Error", 2},
+    {"win:LogAlways", 0}, {"win:Always", 0}, {"win:Critical", 1}, {"win:Error", 2},
     {"win:Warning", 3},   {"win:Informational", 4}, {"win:Verbose", 5},
 };
 const named_value standard_tasks[] = {{"win:None", 0}};
