@@ -260,9 +260,26 @@ struct parser {
     return fail(start, "unterminated DOCTYPE");
   }
 
-  bool parse_name(size_t& at, size_t& len, size_t tag_start, const char* what) {
+  // Texts for reasons, made only when something fails.
+  static std::string tag_text(std::string_view name) {
+    std::string t(1, '<');
+    t.append(name).push_back('>');
+    return t;
+  }
+  static std::string attribute_text(std::string_view attr, std::string_view element) {
+    std::string t = "attribute ";
+    t.append(attr).append(" of ").append(tag_text(element));
+    return t;
+  }
+
+  bool parse_name(size_t& at, size_t& len, size_t tag_start, std::string_view what,
+                  std::string_view element = {}) {
     at = pos;
-    if (pos >= n || !is_name_start(in[pos])) return fail(tag_start, std::string(what) + " without a name");
+    if (pos >= n || !is_name_start(in[pos])) {
+      std::string m(what);
+      if (!element.empty()) m.append(" of ").append(tag_text(element));
+      return fail(tag_start, m + " without a name");
+    }
     while (pos < n && is_name_char(in[pos])) ++pos;
     len = pos - at;
     if (len > opt.limits.max_name)
@@ -307,9 +324,7 @@ struct parser {
     size_t at, len;
     if (!parse_name(at, len, start, "'<'")) return false;
     std::string_view name(in + at, len);
-    std::string tag(1, '<');
-    tag.append(name).push_back('>');
-    if (stack.empty() && have_root) return fail(start, "a second root element " + tag);
+    if (stack.empty() && have_root) return fail(start, "a second root element " + tag_text(name));
     uint32_t index;
     if (!add_node(xml_kind::element, start, index)) return false;
     have_root = true;
@@ -324,7 +339,7 @@ struct parser {
       size_t before = pos;
       skip_spaces();
       bool spaced = pos > before;
-      if (pos >= n) return fail(start, "the input ends inside the start tag " + tag);
+      if (pos >= n) return fail(start, "the input ends inside the start tag " + tag_text(name));
       char c = in[pos];
       if (c == '>') {
         ++pos;
@@ -336,34 +351,34 @@ struct parser {
           self_closing = true;
           break;
         }
-        return fail(start, "'/' inside the start tag " + tag);
+        return fail(start, "'/' inside the start tag " + tag_text(name));
       }
-      if (!spaced) return fail(start, "attributes not separated by blanks in " + tag);
+      if (!spaced) return fail(start, "attributes not separated by blanks in " + tag_text(name));
       size_t a_at, a_len;
-      if (!parse_name(a_at, a_len, start, ("an attribute of " + tag).c_str())) return false;
+      if (!parse_name(a_at, a_len, start, "an attribute", name)) return false;
       std::string_view a_name(in + a_at, a_len);
-      std::string which = "attribute " + std::string(a_name) + " of " + tag;
+      auto which = [&] { return attribute_text(a_name, name); };
       skip_spaces();
-      if (pos >= n || in[pos] != '=') return fail(start, which + " has no value");
+      if (pos >= n || in[pos] != '=') return fail(start, which() + " has no value");
       ++pos;
       skip_spaces();
-      if (pos >= n || (in[pos] != '"' && in[pos] != '\'')) return fail(start, which + " isn't quoted");
+      if (pos >= n || (in[pos] != '"' && in[pos] != '\'')) return fail(start, which() + " isn't quoted");
       char quote = in[pos];
       const void* close = std::memchr(in + pos + 1, quote, n - pos - 1);
-      if (!close) return fail(start, "unterminated value of " + which);
+      if (!close) return fail(start, "unterminated value of " + which());
       size_t v_at = pos + 1;
       size_t v_end = size_t(static_cast<const char*>(close) - in);
-      if (std::memchr(in + v_at, '<', v_end - v_at)) return fail(start, "'<' inside the value of " + which);
+      if (std::memchr(in + v_at, '<', v_end - v_at)) return fail(start, "'<' inside the value of " + which());
       if (v_end - v_at > opt.limits.max_text)
-        return fail(start, "the value of " + which + " is longer than " +
+        return fail(start, "the value of " + which() + " is longer than " +
                                std::to_string(opt.limits.max_text) + " bytes");
       xml_node& e = doc.nodes[index];
       if (e.attribute_count >= opt.limits.max_attributes)
         return fail(start, "more than " + std::to_string(opt.limits.max_attributes) +
-                               " attributes in " + tag);
+                               " attributes in " + tag_text(name));
       for (uint32_t k = 0; k < e.attribute_count; ++k)
         if (doc.str(doc.attributes[e.first_attribute + k].name) == a_name)
-          return fail(start, which + " is repeated");
+          return fail(start, which() + " is repeated");
       xml_attribute a;
       a.name = {uint32_t(doc.pool.size()), uint32_t(a_len)};
       doc.pool.append(a_name);
@@ -381,7 +396,7 @@ struct parser {
       for (;;) {
         size_t hit = find(close, from);
         if (hit == std::string_view::npos)
-          return fail(start, "the input ends inside " + tag + ", whose content was passed over");
+          return fail(start, "the input ends inside " + tag_text(name) + ", whose content was passed over");
         size_t j = hit + close.size();
         while (j < n && is_space(in[j])) ++j;
         if (j < n && in[j] == '>') {
