@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "run/cmd_params.h"
+#include "report/report_options.h"
 #include "support/qv_datetime.h"
 
 namespace {
@@ -183,7 +183,7 @@ TEST(Timeline, TextCleanUp) {
 }
 
 TEST(Timeline, BindOptions) {
-  cmd_params o;
+  report_options o;
   o.program_name = "quon";
   o.user_name = "U1";
   o.host_name = "H1";
