@@ -193,8 +193,8 @@ bool render_time(uint64_t value, uint16_t type, const qv::datetime_format& fmt,
 void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
-    date = " ";
-    time = " ";
+    date.assign(1, ' ');
+    time.assign(1, ' ');
   }
   if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
   const size_t start = out.size();
@@ -209,8 +209,8 @@ void write_time_pair(std::string& out, const report_cell& c, uint64_t w, uint64_
                      const report_options& o) {
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
-    date = " ";
-    time = " ";
+    date.assign(1, ' ');
+    time.assign(1, ' ');
   }
   if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
   size_t start = out.size();

@@ -25,7 +25,7 @@ void defaults(report_options& o) {
 }
 void as_csv(report_options& o) {
   o.format_csv = true;
-  o.separator = ",";
+  o.separator.assign(1, ',');
   o.separator_char = ',';
   o.sub_separator_char = ' ';
   o.no_whitespace = !o.pair_datetime;
@@ -45,7 +45,7 @@ void set_columns(report_options& o, const std::vector<std::pair<uint16_t, uint64
     c.type = type;
     c.width = width;
     c.flags = rf_column;
-    c.text = "c" + std::to_string(o.column_table.size());
+    c.text = 'c' + std::to_string(o.column_table.size());
     o.column_table.push_back(c);
   }
 }
@@ -276,7 +276,7 @@ TEST(ReportWriter, TextCells) {
   report_options q;
   defaults(q);
   q.quoted_fields = true;
-  q.separator = "|";
+  q.separator.assign(1, '|');
   q.pad_with_blanks = false;
   q.separator_char = 0;
   set_columns(q, {{0, 6}, {0, 3}});

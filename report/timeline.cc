@@ -115,7 +115,7 @@ void reset_timeline_record(timeline_record& r) {
   r.notes.clear();
   r.format.assign("-csvl2t");
   r.extra.clear();
-  r.separator.assign(",");
+  r.separator.assign(1, ',');
   r.separator_char = ',';
   r.sub_separator_char = ' ';
   r.no_whitespace = false;
