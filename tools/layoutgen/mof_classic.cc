@@ -72,6 +72,11 @@ const fix_rule kFixes[] = {
     {"StackWalk", "KeyRundown", 0, kAny, "*", nullptr, fix::stop, 0, "StackWalk key event: undocumented"},
     {"StackWalk", nullptr, 0, kAny, "StackKey", nullptr, fix::stop, 0, "StackWalk key event: undocumented"},
 
+    // LastDroppedTimes: the table shows one TimeStamp behind TimeStampCount,
+    // which counts them; no page gives the array, so the layout ends there.
+    {"EventTrace", "LastDroppedTimes", 0, kAny, "TimeStamp", nullptr, fix::stop, 0,
+     "array whose count the table doesn't state"},
+
     // systemconfig-cpu, systemconfig-v0-cpu: ComputerName Max(256), DomainName
     // Max(132); HyperThreadingFlag has the Pointer qualifier.
     {"SystemConfig", "CPU", 0, kAny, "ComputerName", nullptr, fix::utf16_slot, 256, nullptr},
@@ -88,6 +93,7 @@ const fix_rule kFixes[] = {
     // and 1; version 2 is systemconfig-nic, with UTF-16 strings).
     {"SystemConfig", "NIC", 0, 1, "NICName", nullptr, fix::utf16_slot, 256, nullptr},
     {"SystemConfig", "NIC", 0, 1, "PhysicalAddr", nullptr, fix::utf16_slot, 8, nullptr},
+    {"SystemConfig", "NIC", 0, kAny, "PhysicalAddrLen", nullptr, fix::u32, 0, nullptr},
     // systemconfig-video: ChipType, DACType, AdapterString, BiosString and
     // DeviceId Max(256) each.
     {"SystemConfig", "Video", 0, kAny, "ChipType", nullptr, fix::utf16_slot, 256, nullptr},
@@ -185,6 +191,8 @@ const fix_rule kFixes[] = {
     {"DiskIo", nullptr, 0, kAny, "IrpPtr", nullptr, fix::pointer, 0, nullptr},
     {"DiskIo", nullptr, 0, kAny, "RoutineAddr", nullptr, fix::pointer, 0, nullptr},
     {"DiskIo", nullptr, 0, kAny, "Routine", nullptr, fix::pointer, 0, nullptr},
+    {"DiskIo", nullptr, 0, kAny, "MajorFunction", nullptr, fix::u32, 0, nullptr},
+    {"DiskIo", nullptr, 0, kAny, "MinorFunction", nullptr, fix::u32, 0, nullptr},
 
     // fileio-name, fileio-create, fileio-simpleop, fileio-readwrite,
     // fileio-info, fileio-direnum, fileio-opend: FileObject, IrpPtr, FileKey
@@ -240,6 +248,13 @@ const char* const kPointerNameParts[] = {
     "Context", "Object", "Base", "Irp", "Entry", "Heap", "SubSegment", "Lock", "Timer",
     "Queue", "Hive", "Notification",
 };
+
+std::string clean_comment(const std::string& text) {
+  std::string out = text;
+  for (char& c : out)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  return out;
+}
 
 bool contains(const std::string& s, const char* part) { return s.find(part) != std::string::npos; }
 
@@ -456,13 +471,13 @@ void convert_mof_tables(const std::string& mof_dir, const hand_checked_keys& han
       if (!seen.insert({layout.guid, layout.id, layout.version}).second) continue;
       if (row.provider != last_provider) {
         lines.push_back("");
-        lines.push_back("// " + clean_token(row.provider) + " (" + file + ")");
+        lines.push_back("// " + clean_comment(row.provider) + " (" + file + ")");
         last_provider = row.provider;
         last_family.clear();
       }
       std::string family = family_of(row.event_name);
       if (family != last_family) {
-        lines.push_back("// " + clean_token(family) + " {" + row.guid + "}");
+        lines.push_back("// " + clean_comment(family) + " {" + row.guid + "}");
         last_family = family;
       }
       lines.push_back(layout_line(layout));
