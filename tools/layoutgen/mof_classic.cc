@@ -441,17 +441,23 @@ void convert_mof_tables(const std::string& mof_dir, const hand_checked_keys& han
   }
   std::sort(names.begin(), names.end());
 
-  // Rows grouped by GUID and event type, in the order of the tables; one
-  // line per class version. A (GUID, identifier, version) that a table lists
-  // twice keeps its first row.
-  std::map<std::string, std::string> provider_of_guid;
+  // One line per class version. The lines of one (GUID, identifier) stand
+  // together, newest version first: where a lookup doesn't see the version,
+  // the first line of an event is the one that serves, and the newest is the
+  // one current traces write. A (GUID, identifier, version) that the tables
+  // list twice keeps its first row.
+  struct entry {
+    size_t key_order;
+    gen_layout layout;
+    std::string provider, file, family;
+  };
+  std::vector<entry> entries;
+  std::map<std::pair<std::string, uint16_t>, size_t> key_order;
   std::set<std::tuple<std::string, uint16_t, int>> seen;
-  std::string last_family;
   for (const std::string& file : names) {
     std::string text;
     if (!read_text_file(mof_dir + "/" + file, text)) continue;
     ++stats.files;
-    std::string last_provider;
     for (const std::string& line : split_lines(text)) {
       if (line.empty() || line == "\r") continue;
       mof_row row;
@@ -469,20 +475,29 @@ void convert_mof_tables(const std::string& mof_dir, const hand_checked_keys& han
         continue;
       }
       if (!seen.insert({layout.guid, layout.id, layout.version}).second) continue;
-      if (row.provider != last_provider) {
-        lines.push_back("");
-        lines.push_back("// " + clean_comment(row.provider) + " (" + file + ")");
-        last_provider = row.provider;
-        last_family.clear();
-      }
-      std::string family = family_of(row.event_name);
-      if (family != last_family) {
-        lines.push_back("// " + clean_comment(family) + " {" + row.guid + "}");
-        last_family = family;
-      }
-      lines.push_back(layout_line(layout));
+      size_t order = key_order.emplace(std::make_pair(layout.guid, layout.id), key_order.size())
+                         .first->second;
       count_layout(stats, layout, row.provider);
+      entries.push_back({order, std::move(layout), row.provider, file, family_of(row.event_name)});
     }
+  }
+  std::stable_sort(entries.begin(), entries.end(), [](const entry& a, const entry& b) {
+    if (a.key_order != b.key_order) return a.key_order < b.key_order;
+    return a.layout.version > b.layout.version;
+  });
+  std::string last_provider, last_family;
+  for (const entry& e : entries) {
+    if (e.provider != last_provider) {
+      lines.push_back("");
+      lines.push_back("// " + clean_comment(e.provider) + " (" + e.file + ")");
+      last_provider = e.provider;
+      last_family.clear();
+    }
+    if (e.family != last_family) {
+      lines.push_back("// " + clean_comment(e.family) + " {" + e.layout.guid + "}");
+      last_family = e.family;
+    }
+    lines.push_back(layout_line(e.layout));
   }
 }
 
