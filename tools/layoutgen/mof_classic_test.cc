@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "templates/template_text.h"
+
 namespace layoutgen {
 namespace {
 
@@ -181,6 +183,42 @@ TEST(MofClassic, TablesConvertWithoutTheHandCheckedKeys) {
             events);
   std::remove((dir + "/Windows_Kernel_Trace.tsv").c_str());
   std::remove(dir.c_str());
+}
+
+}  // namespace
+}  // namespace layoutgen
+
+namespace layoutgen {
+namespace {
+
+// The committed generated file: it begins with its head and command, every
+// event line reads as a versioned record, and none of its (GUID, identifier)
+// pairs is one that a hand-checked file of data/ defines (a hand-checked file
+// changed without regenerating fails here).
+TEST(MofClassic, CommittedFileLeavesTheHandCheckedKeysAlone) {
+  const std::string data = std::string(QUON_SOURCE_DIR) + "/data";
+  std::string text;
+  ASSERT_TRUE(read_text_file(data + "/gen_classic.txt", text));
+  std::vector<std::string> lines = split_lines(text);
+  ASSERT_GE(lines.size(), 3u);
+  EXPECT_EQ(kGeneratedHead, lines[0]);
+  EXPECT_EQ("// regenerate: ./build/tools/layoutgen/layoutgen ../shared/manifests data", lines[1]);
+  const hand_checked_keys hand = read_hand_checked_keys(data);
+  ASSERT_FALSE(hand.empty());
+  size_t events = 0;
+  for (const std::string& line : lines) {
+    if (line.empty() || line[0] != '{') continue;
+    template_record r;
+    ASSERT_TRUE(parse_template_line(r, line)) << line;
+    ASSERT_EQ(1u, r.ids.size()) << line;
+    EXPECT_GE(r.version, 0) << line;
+    EXPECT_TRUE(r.builds.empty()) << line;
+    EXPECT_EQ(0x8001, r.words.front()) << line;
+    std::string guid = line.substr(1, 36);
+    EXPECT_FALSE(is_hand_checked(hand, guid, r.ids[0])) << line;
+    ++events;
+  }
+  EXPECT_GT(events, 500u);
 }
 
 }  // namespace
