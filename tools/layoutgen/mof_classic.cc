@@ -26,6 +26,7 @@ enum class fix : uint8_t {
   utf16_slot,      // char16 array with Max(n): n UTF-16 units in a fixed slot
   u8,              // a one-byte value
   u32,             // a 32-bit value that only looks like a pointer by its name
+  s32,             // the same, signed
   pointers_to_end, // Stack1..Stack<n>: pointers up to the end of the payload
   stop,            // still not expressible: the layout ends here
 };
@@ -94,6 +95,7 @@ const fix_rule kFixes[] = {
     {"SystemConfig", "NIC", 0, 1, "NICName", nullptr, fix::utf16_slot, 256, nullptr},
     {"SystemConfig", "NIC", 0, 1, "PhysicalAddr", nullptr, fix::utf16_slot, 8, nullptr},
     {"SystemConfig", "NIC", 0, kAny, "PhysicalAddrLen", nullptr, fix::u32, 0, nullptr},
+    {"SystemConfig", "NIC", 0, 1, "IpAddress", nullptr, fix::s32, 0, nullptr},
     // systemconfig-video: ChipType, DACType, AdapterString, BiosString and
     // DeviceId Max(256) each.
     {"SystemConfig", "Video", 0, kAny, "ChipType", nullptr, fix::utf16_slot, 256, nullptr},
@@ -371,6 +373,7 @@ bool mof_layout_of(const mof_row& row, gen_layout& layout, source_stats& stats) 
         case fix::utf16: add(layout, name, 1); break;
         case fix::u8: add(layout, name, 4); break;
         case fix::u32: add(layout, name, 8); break;
+        case fix::s32: add(layout, name, 7); break;
         case fix::token_user_sid:
           add(layout, "TokenUserSid", 16);
           add(layout, "TokenUserAttributes", 16);
