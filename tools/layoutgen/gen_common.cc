@@ -156,6 +156,8 @@ void count_layout(source_stats& stats, const gen_layout& layout, const std::stri
   stats.distinct.insert(layout_identity(layout));
   stats.providers.insert(layout.guid);
   if (!provider_name.empty()) stats.provider_names.insert(provider_name);
+  if (!layout.cut_reason.empty()) ++stats.cut_short[layout.cut_reason];
+  if (layout.corrected) stats.corrected[layout.corrected_in] += layout.corrected;
 }
 
 void print_stats(std::ostream& out, const source_stats& s) {

@@ -36,6 +36,9 @@ struct gen_layout {
   uint16_t id = 0;           // event identifier (a hook identifier for kernel groups)
   int version = -1;          // the V token; -1 writes none
   std::vector<gen_field> fields;
+  std::string cut_reason;    // why the layout ends early; empty when it doesn't
+  std::string corrected_in;  // the class family whose fields were corrected
+  size_t corrected = 0;      // fields corrected from documentation
 };
 
 // The template text line of a layout:
@@ -73,7 +76,7 @@ hand_checked_keys read_hand_checked_keys(const std::string& data_dir,
                                          std::vector<std::string>* files_read = nullptr);
 bool is_hand_checked(const hand_checked_keys& keys, const std::string& guid, uint16_t id);
 
-// What one source did, printed on standard error at the end of a run.
+// What one source did (counted over the layouts written), printed on standard error at the end of a run.
 struct source_stats {
   std::string source;                          // e.g. "classic MOF tables"
   size_t files = 0;                            // input files read

@@ -258,6 +258,11 @@ std::string clean_comment(const std::string& text) {
   return out;
 }
 
+void l_corrected(gen_layout& l, const std::string& family) {
+  l.corrected_in = family;
+  ++l.corrected;
+}
+
 bool contains(const std::string& s, const char* part) { return s.find(part) != std::string::npos; }
 
 std::string family_of(const std::string& event_name) {
@@ -304,10 +309,9 @@ void add_utf16_slot(gen_layout& l, const std::string& name, uint16_t chars) {
   }
 }
 
-void end_layout(gen_layout& l, const std::string& name, const std::string& reason,
-                source_stats& stats) {
+void end_layout(gen_layout& l, const std::string& name, const std::string& reason, source_stats&) {
   add(l, name, 0);
-  ++stats.cut_short[reason];
+  l.cut_reason = reason;
 }
 
 }  // namespace
@@ -364,7 +368,7 @@ bool mof_layout_of(const mof_row& row, gen_layout& layout, source_stats& stats) 
       return true;
     }
     if (const fix_rule* r = find_fix(family, row.type_name, row.version, p, i == 0)) {
-      ++stats.corrected[family];
+      l_corrected(layout, family);
       switch (r->kind) {
         case fix::pointer: add(layout, name, 16); break;
         case fix::time64: add(layout, name, 10); break;
