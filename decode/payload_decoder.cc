@@ -72,7 +72,7 @@ void set_word(decoded_field& f, uint16_t word, const std::string& name) {
 }
 
 void set_missing(decoded_field& f) {
-  f.text = "-";
+  f.text.assign(1, '-');
   f.missing = true;
 }
 

@@ -70,20 +70,22 @@ void append_value(std::string& out, const decoded_field& f) {
 }  // namespace
 
 void append_hex(std::string& out, uint64_t value, uint32_t digits) {
-  // Two digits per step from a table, filled from the right, then appended
-  // in one piece.
-  char buf[kMaxNumberDigits];
-  size_t at = sizeof buf;
-  while (value > 0xF) {
+  // The significant digits, at least one, then the width with zeros in
+  // front; written in place, two digits per step from a table.
+  uint32_t significant = 1;
+  for (uint64_t v = value >> 4; v != 0; v >>= 4) ++significant;
+  if (digits > kMaxNumberDigits) digits = kMaxNumberDigits;
+  const size_t width = digits > significant ? digits : significant;
+  const size_t at = out.size();
+  out.resize(at + width, '0');
+  char* p = out.data() + at + width;
+  uint32_t left = significant;
+  for (; left >= 2; left -= 2, value >>= 8) {
     const char* pair = kHexPairs[value & 0xFF];
-    buf[--at] = pair[1];
-    buf[--at] = pair[0];
-    value >>= 8;
+    *--p = pair[1];
+    *--p = pair[0];
   }
-  if (value != 0 || at == sizeof buf) buf[--at] = kHexDigits[value];
-  if (digits > sizeof buf) digits = sizeof buf;
-  while (sizeof buf - at < digits) buf[--at] = '0';
-  out.append(buf + at, sizeof buf - at);
+  if (left) *--p = kHexDigits[value & 0xF];
 }
 
 void append_hex_bytes(std::string& out, const uint8_t* data, size_t size) {

@@ -17,8 +17,8 @@ constexpr uint64_t kBase = 0x4000;
 
 // A schema: the u16 total size in front of `body` (tags, event name, fields).
 std::vector<uint8_t> schema(const std::vector<uint8_t>& body) {
-  std::vector<uint8_t> out(2);
-  out.insert(out.end(), body.begin(), body.end());
+  std::vector<uint8_t> out(2 + body.size());
+  std::copy(body.begin(), body.end(), out.begin() + 2);
   qv::wr_u16(out.data(), static_cast<uint16_t>(out.size()));
   return out;
 }

@@ -12,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "run/options.h"
+#include "report/event_row.h"
+#include "report/report_options.h"
 #include "support/byte_reader.h"
 #include "templates/kernel_groups.h"
 #include "trace/trace_engine.h"
@@ -38,15 +39,21 @@ std::vector<uint8_t> log_header_block(uint32_t clock, bool wide) {
   return b;
 }
 
-quon_user_opts& options() {
-  static quon_user_opts* opts = [] {
-    auto* o = new quon_user_opts();
-    o->show_status = false;
-    qv::parse_datetime_format(o->datetime_format, o->date_format, o->time_format, false);
-    add_kernel_groups(o->engine.store);
-    return o;
+// The engine and the row settings live for the whole run, as in quon.
+struct fuzz_state {
+  trace_engine engine;
+  report_options report;
+};
+
+fuzz_state& state() {
+  static fuzz_state* st = [] {
+    auto* s = new fuzz_state();
+    qv::parse_datetime_format(s->report.datetime_format, s->report.date_format,
+                              s->report.time_format, false);
+    add_kernel_groups(s->engine.store);
+    return s;
   }();
-  return *opts;
+  return *st;
 }
 
 }  // namespace
@@ -62,8 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     out.resize(produced);
     buffer.swap(out);
   }
-  quon_user_opts& opts = options();
-  trace_engine& engine = opts.engine;
+  fuzz_state& st = state();
+  trace_engine& engine = st.engine;
   reset_engine(engine, true);
   const uint32_t clock = mode & 3;
   if (clock == 3) {
@@ -78,7 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   read_buffer(engine, buffer.data(), buffer.size(), 4096);
   std::ostringstream out;
-  opts.header_row_pending = true;
-  emit_rows(engine, out, opts);
+  st.report.header_row_pending = true;
+  for (etl_record& rec : engine.records) write_event_row(rec, out, st.report);
+  engine.records.clear();
   return 0;
 }

@@ -8,14 +8,16 @@
 #include "report/event_row.h"
 
 #include <climits>
+#include <sstream>
 
 #include "decode/render.h"
 #include "report/report_writer.h"
 #include "report/timeline.h"
-#include "run/cmd_params.h"
+#include "report/report_options.h"
 #include "support/byte_reader.h"
 #include "support/qv_string.h"
 #include "support/qv_time.h"
+#include "trace/trace_engine.h"
 
 namespace {
 
@@ -49,9 +51,9 @@ constexpr column_spec kColumns[16] = {
 constexpr char kHeaderInfo[] = "<header info only>";
 constexpr char kCorrupted[] = "data{corrupted record}";
 
-uint32_t row_flags(const cmd_params& opts) { return opts.quoted_fields ? static_cast<uint32_t>(rf_quote) : 0u; }
+uint32_t row_flags(const report_options& opts) { return opts.quoted_fields ? static_cast<uint32_t>(rf_quote) : 0u; }
 
-int32_t column_count(const cmd_params& opts) {
+int32_t column_count(const report_options& opts) {
   const size_t n = opts.column_table.size();
   return n > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int32_t>(n);
 }
@@ -83,7 +85,7 @@ void append_id(std::string& out, uint64_t v, bool base16) {
   while (n > 0) out.push_back(buf[--n]);
 }
 
-void write_timeline_event(etl_record& record, std::ostream& out, cmd_params& opts) {
+void write_timeline_event(etl_record& record, std::ostream& out, report_options& opts) {
   thread_local timeline_record tl;
   reset_timeline_record(tl);
   bind_timeline_options(tl, opts);
@@ -116,7 +118,7 @@ void write_timeline_event(etl_record& record, std::ostream& out, cmd_params& opt
 
 // Cells 0 to 3, common to both forms of the header row.
 int32_t set_header_head(report_row& row, uint64_t start_time, uint16_t start_type,
-                        const cmd_params& opts) {
+                        const report_options& opts) {
   int32_t i = 0;
   i += set_cell_number(row, i, start_time, start_type, 0);
   i += set_cell_text(row, i, kHeaderInfo, rt_text, 0);
@@ -127,7 +129,7 @@ int32_t set_header_head(report_row& row, uint64_t start_time, uint16_t start_typ
 
 }  // namespace
 
-void write_event_columns(std::ostream& out, cmd_params& opts) {
+void write_event_columns(std::ostream& out, report_options& opts) {
   opts.column_table.clear();
   opts.column_table.resize(16);
   for (size_t i = 0; i < 16; ++i) {
@@ -151,7 +153,7 @@ void render_extra_data(etl_record& record, std::string& out) {
   out.push_back('}');
 }
 
-void write_event_row(etl_record& record, std::ostream& out, cmd_params& opts) {
+void write_event_row(etl_record& record, std::ostream& out, report_options& opts) {
   if (opts.header_row_pending && !opts.format_l2t) write_event_columns(out, opts);
   if (opts.format_l2t && record.absolute_time != 0) {
     write_timeline_event(record, out, opts);
@@ -190,7 +192,7 @@ void write_event_row(etl_record& record, std::ostream& out, cmd_params& opts) {
   write_report_row(out, row, opts);
 }
 
-void write_header_info_row(const log_header& header, std::ostream& out, cmd_params& opts) {
+void write_header_info_row(const log_header& header, std::ostream& out, report_options& opts) {
   if (opts.format_l2t && header.StartTime != 0) return;
   if (opts.header_row_pending && !opts.format_l2t) write_event_columns(out, opts);
   report_row row;
@@ -210,7 +212,7 @@ void write_header_info_row(const log_header& header, std::ostream& out, cmd_para
   write_report_row(out, row, opts);
 }
 
-void write_short_header_row(const uint8_t* first_block, std::ostream& out, cmd_params& opts) {
+void write_short_header_row(const uint8_t* first_block, std::ostream& out, report_options& opts) {
   // The first 72-byte header: its time word at 24, the fallback word at 16.
   const size_t size = first_block ? 72 : 0;
   const uint64_t start_time = qv::rd_u64(first_block, size, 24);
@@ -225,4 +227,24 @@ void write_short_header_row(const uint8_t* first_block, std::ostream& out, cmd_p
                           : set_header_head(row, fallback, rt_ticks, opts);
   for (; i < 16; ++i) set_cell_text(row, i, std::string(), rt_text, 0);
   write_report_row(out, row, opts);
+}
+
+void row_sink::file_opened(const file_opening& file) {
+  opts_.session_name = file.session_name;
+  opts_.orig_source_path = file.orig_source_path;
+  // The column line and the header row stand behind the file's head.
+  std::ostringstream held;
+  if (file.header) write_header_info_row(*file.header, held, opts_);
+  else write_short_header_row(file.first_block, held, opts_);
+  std::string head;
+  append_file_head(head, file.file_name ? *file.file_name : std::string());
+  head += "orig source path: ";
+  head += opts_.orig_source_path;
+  head += '\n';
+  head += held.str();
+  out_.write(head.data(), static_cast<std::streamsize>(head.size()));
+}
+
+void row_sink::take_records(record_list& records) {
+  for (etl_record& rec : records) write_event_row(rec, out_, opts_);
 }

@@ -10,18 +10,33 @@
 
 #include "trace/etl_record.h"
 #include "trace/log_header.h"
+#include "trace/record_sink.h"
 
-class cmd_params;
+struct report_options;
 
 // One row (or timeline line) for a record. Rendering changes the text of the
 // record's fields, so the record is passed for writing.
-void write_event_row(etl_record& record, std::ostream& out, cmd_params& opts);
+void write_event_row(etl_record& record, std::ostream& out, report_options& opts);
 // Rebuilds the column table and writes the column line.
-void write_event_columns(std::ostream& out, cmd_params& opts);
+void write_event_columns(std::ostream& out, report_options& opts);
 // Appends "data{" + the rendered fields + "}" when the record has fields.
 void render_extra_data(etl_record& record, std::string& out);
 // The pseudo-row of a regular file's log header (full form).
-void write_header_info_row(const log_header& header, std::ostream& out, cmd_params& opts);
+void write_header_info_row(const log_header& header, std::ostream& out, report_options& opts);
 // The short header row of an "RlFs" or headerless file, from its first
 // 72-byte header.
-void write_short_header_row(const uint8_t* first_block, std::ostream& out, cmd_params& opts);
+void write_short_header_row(const uint8_t* first_block, std::ostream& out, report_options& opts);
+
+// The sink of the row output: for each file its head, column line and the
+// pseudo-row of its log header, then one row (or timeline line) per record.
+class row_sink : public record_sink {
+ public:
+  row_sink(std::ostream& out, report_options& opts) : out_(out), opts_(opts) {}
+  void file_opened(const file_opening& file) override;
+  void take_records(record_list& records) override;
+  void file_ended() override {}
+
+ private:
+  std::ostream& out_;
+  report_options& opts_;
+};

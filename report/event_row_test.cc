@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "run/cmd_params.h"
+#include "report/report_options.h"
 #include "support/byte_reader.h"
 #include "support/qv_datetime.h"
 #include "support/qv_string.h"
@@ -17,7 +17,7 @@ namespace {
 constexpr uint64_t kStamp = 134170743671234567ULL;
 
 // The option record as the parser leaves it, before and after format words.
-void defaults(cmd_params& o) {
+void defaults(report_options& o) {
   o.program_name = "quon";
   o.time_format = "hh:mm:ss.xxxxxxxxx";
   o.session_name = "Sample Session";
@@ -25,21 +25,21 @@ void defaults(cmd_params& o) {
   o.row_file_name = "/tmp/a.etl";
   qv::parse_datetime_format(o.datetime_format, o.date_format, o.time_format, o.pair_datetime);
 }
-void as_csv(cmd_params& o) {
+void as_csv(report_options& o) {
   o.format_csv = true;
   o.separator = ",";
   o.separator_char = ',';
   o.sub_separator_char = ' ';
   o.no_whitespace = !o.pair_datetime;
 }
-void as_l2t(cmd_params& o) {
+void as_l2t(report_options& o) {
   o.format_l2t = true;
   o.separator = ",";
   o.separator_char = ',';
   o.sub_separator_char = ' ';
   o.header_row_pending = true;
 }
-void as_quoted(cmd_params& o) {
+void as_quoted(report_options& o) {
   o.quoted_fields = true;
   std::string s;
   for (char c : o.separator) if (c != ' ') s += c;
@@ -47,7 +47,7 @@ void as_quoted(cmd_params& o) {
   o.pad_with_blanks = false;
   o.separator_char = 0;
 }
-void as_no_whitespace(cmd_params& o) {
+void as_no_whitespace(report_options& o) {
   o.no_whitespace = true;
   o.pad_with_blanks = false;
   std::string s;
@@ -87,7 +87,7 @@ etl_record example_event() {
   return r;
 }
 
-std::string event_text(etl_record& r, cmd_params& o) {
+std::string event_text(etl_record& r, report_options& o) {
   std::ostringstream s;
   write_event_row(r, s, o);
   return s.str();
@@ -99,7 +99,7 @@ const char kZeroGuid[] = "00000000-0000-0000-0000-000000000000";
 }  // namespace
 
 TEST(EventRow, WorkedExamplePadded) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   etl_record r = example_event();
   const std::string columns =
@@ -126,7 +126,7 @@ TEST(EventRow, WorkedExamplePadded) {
 }
 
 TEST(EventRow, WorkedExampleCsv) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   as_csv(o);
   etl_record r = example_event();
@@ -149,7 +149,7 @@ TEST(EventRow, WorkedExampleCsv) {
 
 TEST(EventRow, BaseAndWhitespaceForms) {
   etl_record r = example_event();
-  cmd_params b10;
+  report_options b10;
   defaults(b10);
   b10.base16 = false;
   b10.header_row_pending = false;
@@ -163,7 +163,7 @@ TEST(EventRow, BaseAndWhitespaceForms) {
             std::string::npos)
       << line;
 
-  cmd_params nw;
+  report_options nw;
   defaults(nw);
   as_no_whitespace(nw);
   EXPECT_EQ(event_text(r, nw),
@@ -176,7 +176,7 @@ TEST(EventRow, BaseAndWhitespaceForms) {
                 "|0x002a|0x00000a3c|0x00001b34|0|4|1|7|0x8000000000000010|0x0|3|" + kData + "\n");
 
   // -csv -base10.
-  cmd_params c;
+  report_options c;
   defaults(c);
   as_csv(c);
   c.base16 = false;
@@ -187,7 +187,7 @@ TEST(EventRow, BaseAndWhitespaceForms) {
             std::string::npos);
 
   // A short time format narrows column 0 to 10 + 8 + 1.
-  cmd_params t;
+  report_options t;
   defaults(t);
   t.time_format = "hh:mm:ss";
   qv::parse_datetime_format(t.datetime_format, t.date_format, t.time_format, false);
@@ -198,7 +198,7 @@ TEST(EventRow, BaseAndWhitespaceForms) {
 }
 
 TEST(EventRow, UnusualRecords) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   as_csv(o);
   o.header_row_pending = false;
@@ -251,7 +251,7 @@ TEST(EventRow, UnusualRecords) {
 }
 
 TEST(EventRow, QuotedFields) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   as_csv(o);
   as_quoted(o);
@@ -276,10 +276,10 @@ TEST(EventRow, HeaderRows) {
   h.ProcessId = 0x10;
   h.ThreadId = 0x20;
   h.KernelUserTime = 0x1122;
-  const std::string data = log_header_text(h, true, cmd_params().datetime_format);
+  const std::string data = log_header_text(h, true, report_options().datetime_format);
   ASSERT_EQ(data.substr(0, 5), "data{");
 
-  cmd_params o;
+  report_options o;
   defaults(o);
   o.format_bodyfile = true;  // padding kept, texts flattened
   o.separator = "|";
@@ -300,7 +300,7 @@ TEST(EventRow, HeaderRows) {
 
   // Without a valid start time the header's own time goes in as ticks.
   h.StartTime = 0;
-  cmd_params c;
+  report_options c;
   defaults(c);
   as_csv(c);
   std::ostringstream ticks;
@@ -315,7 +315,7 @@ TEST(EventRow, HeaderRows) {
 
 TEST(EventRow, ShortHeaderRows) {
   uint8_t block[72] = {};
-  cmd_params o;
+  report_options o;
   defaults(o);
   as_csv(o);
   o.session_name = "<not available>";
@@ -353,7 +353,7 @@ TEST(EventRow, ShortHeaderRows) {
 }
 
 TEST(EventRow, TimelineMode) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   as_l2t(o);
   o.host_name = "H1";
@@ -418,7 +418,7 @@ TEST(EventRow, TimelineMode) {
 TEST(EventRow, MultilineKeepsTheColumnLineFlow) {
   // The column line is written (and the pending flag cleared) before the row,
   // so the cells carry the plain column names in the column widths.
-  cmd_params o;
+  report_options o;
   defaults(o);
   o.format_multiline = true;
   o.separator = "";

@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#include "run/cmd_params.h"
+#include "report/report_options.h"
 #include "support/qv_string.h"
 #include "support/qv_time.h"
 
@@ -160,11 +160,11 @@ void finish_text(report_cell& cell) {
 
 // Everything the writer needs from the option record for one line.
 struct line_settings {
-  const cmd_params& o;
+  const report_options& o;
   bool flatten;
 };
 
-uint64_t column_width(const cmd_params& o, size_t i) {
+uint64_t column_width(const report_options& o, size_t i) {
   return i < o.column_table.size() ? o.column_table[i].width : 0;
 }
 
@@ -190,11 +190,11 @@ bool render_time(uint64_t value, uint16_t type, const qv::datetime_format& fmt,
 // A one-cell time: a leading blank under pad_with_blanks, then date, one
 // blank and time, left-aligned in the column. An invalid stamp leaves a
 // blank for each half (none under -no_whitespace).
-void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const cmd_params& o) {
+void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
-    date = " ";
-    time = " ";
+    date.assign(1, ' ');
+    time.assign(1, ' ');
   }
   if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
   const size_t start = out.size();
@@ -206,11 +206,11 @@ void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const c
 
 // A two-cell time: the date in this column, the time in the next.
 void write_time_pair(std::string& out, const report_cell& c, uint64_t w, uint64_t w_next,
-                     const cmd_params& o) {
+                     const report_options& o) {
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
-    date = " ";
-    time = " ";
+    date.assign(1, ' ');
+    time.assign(1, ' ');
   }
   if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
   size_t start = out.size();
@@ -222,7 +222,7 @@ void write_time_pair(std::string& out, const report_cell& c, uint64_t w, uint64_
   if (!o.no_whitespace) pad_left_aligned(out, start, w_next);
 }
 
-void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const cmd_params& o) {
+void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
   if (o.pad_with_blanks) out.push_back(' ');
   const size_t start = out.size();
   if (o.base16 || c.flags == rf_hex) {
@@ -235,7 +235,7 @@ void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const 
 }
 
 void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
-                       const cmd_params& o) {
+                       const report_options& o) {
   const size_t start = out.size();
   const uint64_t field = prefix < w ? w - prefix : 0;
   const uint64_t v = c.number;
@@ -268,7 +268,7 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
 
 void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
                      const line_settings& s) {
-  const cmd_params& o = s.o;
+  const report_options& o = s.o;
   const size_t start = out.size();
   size_t n = c.text.size();
   if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
@@ -298,7 +298,7 @@ void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_
   }
 }
 
-void write_bytes_cell(std::string& out, const report_cell& c, uint64_t w, const cmd_params& o) {
+void write_bytes_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
   const size_t start = out.size();
   if (c.type == rt_hex_pairs) {
     // Pairs between blanks; a value longer than max_text bytes is cut and
@@ -322,7 +322,7 @@ void write_bytes_cell(std::string& out, const report_cell& c, uint64_t w, const 
 // Renders cell `i` (and, for a two-cell time, the next one); returns the
 // index of the last cell it used.
 size_t render_cell(std::string& out, const report_row& row, size_t i, const line_settings& s) {
-  const cmd_params& o = s.o;
+  const report_options& o = s.o;
   const report_cell& c = row.cells[i];
   const uint64_t w = column_width(o, i);
   uint64_t prefix = 0;
@@ -377,7 +377,7 @@ size_t render_cell(std::string& out, const report_row& row, size_t i, const line
   return i;
 }
 
-void write_multiline_row(std::ostream& out, const report_row& row, cmd_params& o,
+void write_multiline_row(std::ostream& out, const report_row& row, report_options& o,
                          const line_settings& s) {
   if (o.header_row_pending) {
     o.header_row_pending = false;
@@ -469,7 +469,7 @@ int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t
   return used;
 }
 
-void write_column_line(std::ostream& out, cmd_params& opts) {
+void write_column_line(std::ostream& out, report_options& opts) {
   opts.header_row_pending = false;
   std::string& line = line_buffer();
   line.clear();
@@ -491,7 +491,7 @@ void write_column_line(std::ostream& out, cmd_params& opts) {
   out.write(line.data(), static_cast<std::streamsize>(line.size()));
 }
 
-void write_report_row(std::ostream& out, const report_row& row, cmd_params& opts) {
+void write_report_row(std::ostream& out, const report_row& row, report_options& opts) {
   if (!row.valid || row.count <= 0 || static_cast<size_t>(row.count) > row.cells.size()) return;
   const line_settings s{opts, opts.format_csv || opts.format_csvgen || opts.format_l2t ||
                                   opts.format_bodyfile};

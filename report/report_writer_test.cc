@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "run/cmd_params.h"
+#include "report/report_options.h"
 #include "support/qv_datetime.h"
 #include "support/qv_time.h"
 
@@ -18,19 +18,19 @@ constexpr uint64_t kStamp = 134170743671234567ULL;
 
 // The option record as the parser leaves it for this program, before any
 // format word.
-void defaults(cmd_params& o) {
+void defaults(report_options& o) {
   o.time_format = "hh:mm:ss.xxxxxxxxx";
   o.header_row_pending = false;
   qv::parse_datetime_format(o.datetime_format, o.date_format, o.time_format, o.pair_datetime);
 }
-void as_csv(cmd_params& o) {
+void as_csv(report_options& o) {
   o.format_csv = true;
-  o.separator = ",";
+  o.separator.assign(1, ',');
   o.separator_char = ',';
   o.sub_separator_char = ' ';
   o.no_whitespace = !o.pair_datetime;
 }
-void as_no_whitespace(cmd_params& o) {
+void as_no_whitespace(report_options& o) {
   o.no_whitespace = true;
   o.pad_with_blanks = false;
   std::string s;
@@ -38,19 +38,19 @@ void as_no_whitespace(cmd_params& o) {
   o.separator = s;
 }
 
-void set_columns(cmd_params& o, const std::vector<std::pair<uint16_t, uint64_t>>& cols) {
+void set_columns(report_options& o, const std::vector<std::pair<uint16_t, uint64_t>>& cols) {
   o.column_table.clear();
   for (const auto& [type, width] : cols) {
     report_cell c;
     c.type = type;
     c.width = width;
     c.flags = rf_column;
-    c.text = "c" + std::to_string(o.column_table.size());
+    c.text = 'c' + std::to_string(o.column_table.size());
     o.column_table.push_back(c);
   }
 }
 
-std::string write_row(cmd_params& o, const report_row& row) {
+std::string write_row(report_options& o, const report_row& row) {
   std::ostringstream s;
   write_report_row(s, row, o);
   return s.str();
@@ -68,7 +68,7 @@ TEST(ReportWriter, RowValidityAndSetterCounts) {
   EXPECT_EQ(set_cell_text(row, 0, "x", rt_text, 0), 1);
   EXPECT_EQ(set_cell_number(row, 0, 1, rt_filetime_two, 0), 1);
 
-  cmd_params o;
+  report_options o;
   defaults(o);
   o.header_row_pending = true;
   set_columns(o, std::vector<std::pair<uint16_t, uint64_t>>(256, {0, 4}));
@@ -151,7 +151,7 @@ TEST(ReportWriter, FlattenLineBreaks) {
 }
 
 TEST(ReportWriter, ColumnLine) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   set_columns(o, {{rt_filetime, 10}, {rt_untyped, 3}, {rt_untyped, 2}});
   o.column_table[0].text = "created";
@@ -174,7 +174,7 @@ TEST(ReportWriter, ColumnLine) {
   EXPECT_EQ(s.str(), "created,c1,long name\n");
 
   // A pending column line comes ahead of the first row only.
-  cmd_params p;
+  report_options p;
   defaults(p);
   set_columns(p, {{rt_untyped, 2}});
   p.header_row_pending = true;
@@ -186,7 +186,7 @@ TEST(ReportWriter, ColumnLine) {
 }
 
 TEST(ReportWriter, NumbersPadded) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   set_columns(o, {{0, 8}, {0, 10}, {0, 7}, {0, 18}, {0, 3}, {0, 1}, {0, 8}, {0, 4}, {0, 6}, {0, 4},
                   {0, 2}});
@@ -219,7 +219,7 @@ TEST(ReportWriter, NumbersPadded) {
 }
 
 TEST(ReportWriter, NumbersWithoutWhitespace) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   as_csv(o);
   set_columns(o, {{0, 8}, {0, 8}, {0, 8}, {0, 8}, {0, 8}, {0, 8}, {0, 8}});
@@ -236,7 +236,7 @@ TEST(ReportWriter, NumbersWithoutWhitespace) {
 }
 
 TEST(ReportWriter, TextCells) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   set_columns(o, {{0, 6}, {0, 4}, {0, 3}, {0, 5}});
   report_row row;
@@ -262,7 +262,7 @@ TEST(ReportWriter, TextCells) {
   EXPECT_EQ(write_row(o, row), "a:b,c:l1[CRLF]l2\n");
 
   // -bodyfile: bar to semicolon, padding kept, line breaks flattened.
-  cmd_params b;
+  report_options b;
   defaults(b);
   b.format_bodyfile = true;
   b.separator = "|";
@@ -273,10 +273,10 @@ TEST(ReportWriter, TextCells) {
   EXPECT_EQ(write_row(b, row), "a;b[LF]|  \n");
 
   // Quoted fields: stored with quotes, no separator character.
-  cmd_params q;
+  report_options q;
   defaults(q);
   q.quoted_fields = true;
-  q.separator = "|";
+  q.separator.assign(1, '|');
   q.pad_with_blanks = false;
   q.separator_char = 0;
   set_columns(q, {{0, 6}, {0, 3}});
@@ -287,7 +287,7 @@ TEST(ReportWriter, TextCells) {
 }
 
 TEST(ReportWriter, TimeTicksAndGuidCells) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   set_columns(o, {{rt_filetime, 29}, {0, 29}, {0, 36}});
   report_row row;
@@ -325,7 +325,7 @@ TEST(ReportWriter, TimeTicksAndGuidCells) {
   EXPECT_EQ(write_row(o, row), " ,0x00000000000004d2,\n");
 
   // The time text follows the compiled formats.
-  cmd_params f;
+  report_options f;
   defaults(f);
   f.date_format = "mm/dd/yyyy";
   f.time_format = "hh:mm:ss";
@@ -337,7 +337,7 @@ TEST(ReportWriter, TimeTicksAndGuidCells) {
 }
 
 TEST(ReportWriter, MultilineRecord) {
-  cmd_params o;
+  report_options o;
   defaults(o);
   o.format_multiline = true;
   o.separator = "";

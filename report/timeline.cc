@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "report/report_writer.h"
-#include "run/cmd_params.h"
+#include "report/report_options.h"
 
 namespace {
 
@@ -115,7 +115,7 @@ void reset_timeline_record(timeline_record& r) {
   r.notes.clear();
   r.format.assign("-csvl2t");
   r.extra.clear();
-  r.separator.assign(",");
+  r.separator.assign(1, ',');
   r.separator_char = ',';
   r.sub_separator_char = ' ';
   r.no_whitespace = false;
@@ -124,7 +124,7 @@ void reset_timeline_record(timeline_record& r) {
   r.datetime_format = default_timeline_format();
 }
 
-void bind_timeline_options(timeline_record& r, const cmd_params& opts) {
+void bind_timeline_options(timeline_record& r, const report_options& opts) {
   r.separator.assign(opts.separator);
   r.separator_char = opts.separator_char;
   r.sub_separator_char = opts.sub_separator_char;

@@ -13,7 +13,7 @@
 #include "support/qv_datetime.h"
 #include "support/qv_time.h"
 
-class cmd_params;
+struct report_options;
 
 struct timeline_record {
   uint64_t slot_time[4] = {};     // M, A, C, B
@@ -64,7 +64,7 @@ struct timeline_entry {
 void reset_timeline_record(timeline_record& record);
 // Copies the output settings from the option record; `format`, `user` and
 // `host` take their values here.
-void bind_timeline_options(timeline_record& record, const cmd_params& opts);
+void bind_timeline_options(timeline_record& record, const report_options& opts);
 void set_time_slots(timeline_record& record, uint64_t m, uint64_t a, uint64_t c, uint64_t b,
                     uint32_t time_kind);
 void set_slot_texts(timeline_record& record, std::string_view m, std::string_view a,

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "run/cmd_params.h"
+#include "report/report_options.h"
 #include "support/qv_datetime.h"
 
 namespace {
@@ -21,7 +21,7 @@ void event_record(timeline_record& r) {
   reset_timeline_record(r);
   set_time_slots(r, 0, 0, 0, kStamp, qv::type_filetime);
   set_slot_texts(r, "", "", "", "ETL Entry");
-  r.source = "ETL";
+  r.source = std::string("ETL");
   r.sourcetype = "S";
   r.short_text = "sh";
   r.desc = "de";
@@ -61,7 +61,7 @@ TEST(Timeline, ExpandMacbForEvents) {
   // A slot without text takes the label with its letters.
   event_record(r);
   set_slot_texts(r, "", "", "", "");
-  r.label = "L";
+  r.label.assign(1, 'L');
   expand_macb(entries, r);
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].type_text, "L [...B]");
@@ -175,7 +175,7 @@ TEST(Timeline, TextCleanUp) {
 
   // With no substitute character nothing is replaced.
   event_record(r);
-  r.separator = "|";
+  r.separator.assign(1, '|');
   r.separator_char = '|';
   r.sub_separator_char = 0;
   r.desc = "a|b";
@@ -183,7 +183,7 @@ TEST(Timeline, TextCleanUp) {
 }
 
 TEST(Timeline, BindOptions) {
-  cmd_params o;
+  report_options o;
   o.program_name = "quon";
   o.user_name = "U1";
   o.host_name = "H1";

@@ -39,9 +39,9 @@ std::string base_program_name(const std::string& path) {
 // The separator of an output form, and the character replaced inside cells
 // by its substitute.
 void use_separator(cmd_params& o, const char* separator, char replaced, char substitute) {
-  o.separator = separator;
-  o.separator_char = replaced;
-  o.sub_separator_char = substitute;
+  o.report.separator = separator;
+  o.report.separator_char = replaced;
+  o.report.sub_separator_char = substitute;
 }
 
 // -filter patterns: lowered, split at "|" (else ","), one path_filter each.
@@ -146,9 +146,10 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
     else o.command_line += args[i];
   }
   if (!args.empty()) o.program_name = base_program_name(args[0]);
+  o.report.program_name = o.program_name;
   std::string v;
 
-  if (has_word("-pair_datetime", args)) o.pair_datetime = true;
+  if (has_word("-pair_datetime", args)) o.report.pair_datetime = true;
   if (take_value("-diags", v, args)) {
     o.diags_stream = std::make_unique<std::ofstream>(v);
     if (o.diags_stream->good()) {
@@ -159,36 +160,36 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
   if (has_word("-l2", args)) o.diags_level = 2;
   if (has_word("-l3", args)) o.diags_level = 3;
   if (has_word("-csv", args)) {
-    o.format_csv = true;
+    o.report.format_csv = true;
     use_separator(o, ",", ',', ' ');
-    o.no_whitespace = !o.pair_datetime;
+    o.report.no_whitespace = !o.report.pair_datetime;
   }
   if (has_word("-csvgen", args)) {
-    o.format_csvgen = true;
+    o.report.format_csvgen = true;
     use_separator(o, ",", ',', ' ');
-    o.no_whitespace = true;
+    o.report.no_whitespace = true;
   }
   if (has_word("-csvl2t", args)) {
-    o.format_l2t = true;
+    o.report.format_l2t = true;
     use_separator(o, ",", ',', ' ');
-    o.header_row_pending = true;
+    o.report.header_row_pending = true;
   }
   if (has_word("-bodyfile", args)) {
-    o.format_bodyfile = true;
+    o.report.format_bodyfile = true;
     use_separator(o, "|", '|', ';');
-    o.header_row_pending = true;
+    o.report.header_row_pending = true;
   }
   if (has_word("-xml", args)) {
-    o.format_xml = true;
-    o.separator.clear();
-    o.separator_char = 0;
-    o.header_row_pending = false;
+    o.report.format_xml = true;
+    o.report.separator.clear();
+    o.report.separator_char = 0;
+    o.report.header_row_pending = false;
   }
   if (has_word("-multiline", args)) {
-    o.format_multiline = true;
-    o.separator.clear();
-    o.separator_char = 0;
-    o.header_row_pending = true;
+    o.report.format_multiline = true;
+    o.report.separator.clear();
+    o.report.separator_char = 0;
+    o.report.header_row_pending = true;
   }
   for (const char* word : {"-alias", "-aliaspath"}) {
     if (take_value(word, v, args)) {
@@ -210,8 +211,8 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
     }
   }
   if (take_value("-signal", v, args)) o.signal_text = v;
-  if (take_value("-hostname", v, args)) o.host_name = v;
-  if (take_value("-username", v, args)) o.user_name = v;
+  if (take_value("-hostname", v, args)) o.report.host_name = v;
+  if (take_value("-username", v, args)) o.report.user_name = v;
   if (has_word("-split_pathfile", args)) o.split_pathfile = true;
   for (const char* word : {"-cpuinst", "-cpu", "-fragment_files", "-separate_files"}) has_word(word, args);
   if (has_word("-append", args)) o.append = true;
@@ -281,50 +282,50 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
       else o.stop_time = t;
     }
   }
-  if (has_word("-base10", args)) o.base16 = false;
-  if (has_word("-base16", args)) o.base16 = true;
+  if (has_word("-base10", args)) o.report.base16 = false;
+  if (has_word("-base16", args)) o.report.base16 = true;
   if (take_value("-csv_separator", v, args)) {
-    o.separator = v;
-    if (!o.quoted_fields) {
+    o.report.separator = v;
+    if (!o.report.quoted_fields) {
       std::string lowered = v;
       qv::to_lower(lowered);
       if (lowered.find('|') != std::string::npos) {
-        o.separator_char = '|';
-        o.sub_separator_char = ';';
+        o.report.separator_char = '|';
+        o.report.sub_separator_char = ';';
       } else if (lowered.find(',') != std::string::npos) {
-        o.separator_char = ',';
-        o.sub_separator_char = ' ';
+        o.report.separator_char = ',';
+        o.report.sub_separator_char = ' ';
       } else if (lowered == "tab" || lowered == "\\t") {
-        o.separator = "\t";
-        o.separator_char = 0;
-        o.sub_separator_char = 0;
+        o.report.separator = "\t";
+        o.report.separator_char = 0;
+        o.report.sub_separator_char = 0;
       } else {
-        o.separator_char = 0;
-        o.sub_separator_char = 0;
+        o.report.separator_char = 0;
+        o.report.sub_separator_char = 0;
       }
     }
   }
   if (has_word("-enable_quoted_csv_fields", args)) {
-    o.quoted_fields = true;
-    if (o.separator.find('\t') == std::string::npos) qv::remove_char(o.separator, ' ');
-    o.pad_with_blanks = false;
-    o.separator_char = 0;
+    o.report.quoted_fields = true;
+    if (o.report.separator.find('\t') == std::string::npos) qv::remove_char(o.report.separator, ' ');
+    o.report.pad_with_blanks = false;
+    o.report.separator_char = 0;
   }
   if (has_word("-no_whitespace", args)) {
-    o.no_whitespace = true;
-    o.pad_with_blanks = false;
-    qv::remove_char(o.separator, ' ');
+    o.report.no_whitespace = true;
+    o.report.pad_with_blanks = false;
+    qv::remove_char(o.report.separator, ' ');
   }
   if (take_value("-dateformat", v, args)) {
     if (v.size() == 8 || v.size() == 10) {
-      o.date_format = qv::to_lower(v);
+      o.report.date_format = qv::to_lower(v);
     } else {
       std::fprintf(stderr, "invalid %s, using default format\n", v.c_str());
     }
   }
   if (take_value("-timeformat", v, args)) {
     if ((v.size() == 8 || (v.size() >= 12 && v.size() <= 18)) && v.find(':') != std::string::npos) {
-      o.time_format = qv::to_lower(v);
+      o.report.time_format = qv::to_lower(v);
     } else {
       std::fprintf(stderr, "invalid %s, using default format\n", v.c_str());
     }
@@ -332,7 +333,7 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
   if (has_word("-verbose", args) || has_word("-v", args)) o.verbose = true;
   if (has_word("-quiet", args)) o.show_status = false;
 
-  qv::parse_datetime_format(o.datetime_format, o.date_format, o.time_format, o.pair_datetime);
+  qv::parse_datetime_format(o.report.datetime_format, o.report.date_format, o.report.time_format, o.report.pair_datetime);
   return true;
 }
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "report/report_writer.h"
+#include "report/report_options.h"
 #include "support/qv_datetime.h"
 
 namespace uni { class fileio; }
@@ -47,34 +47,13 @@ class cmd_params {
   std::string program_name;
   std::string results_path;
   std::string out_dir;
-  std::string user_name;
-  std::string host_name;
-  std::string date_format = "yyyy-mm-dd";
-  std::string time_format = "hh:mm:ss.xxx";
-  qv::datetime_format datetime_format;
-  std::string separator = " | ";
-  char separator_char = '|';
-  char sub_separator_char = ';';
-  bool no_whitespace = false;
-  bool pad_with_blanks = true;
-  bool base16 = true;
-  bool quoted_fields = false;
-  bool format_xml = false;
-  bool format_csv = false;
-  bool format_l2t = false;
-  bool format_csvgen = false;
-  bool format_bodyfile = false;
-  bool format_multiline = false;
+  // Everything the row writers read: output form, formats, column table and
+  // the per-file texts.
+  report_options report;
   bool verbose = true;
   bool show_status = true;
-  bool pair_datetime = false;
-  bool header_row_pending = true;
   bool split_pathfile = false;
   bool append = false;
-  std::string row_file_name;
-  std::string session_name;
-  std::string orig_source_path;
-  std::vector<report_cell> column_table;
   std::string diags_path;
   std::unique_ptr<std::ofstream> diags_stream;
   uint32_t diags_level = 0;

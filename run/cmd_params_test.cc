@@ -38,67 +38,67 @@ TEST(CmdParams, CommandLineProgramNameAndFormats) {
   ASSERT_TRUE(parsed(o, {"-log", "a b.etl", "-csv"}));
   EXPECT_EQ(o.command_line, "/usr/bin/quon.bin -log \"a b.etl\" -csv");
   EXPECT_EQ(o.program_name, "quon");
-  EXPECT_TRUE(o.format_csv);
-  EXPECT_EQ(o.separator, ",");
-  EXPECT_TRUE(o.no_whitespace);
-  EXPECT_TRUE(o.pad_with_blanks);
+  EXPECT_TRUE(o.report.format_csv);
+  EXPECT_EQ(o.report.separator, ",");
+  EXPECT_TRUE(o.report.no_whitespace);
+  EXPECT_TRUE(o.report.pad_with_blanks);
 
   cmd_params paired;
   ASSERT_TRUE(parsed(paired, {"-csv", "-pair_datetime"}));
-  EXPECT_FALSE(paired.no_whitespace);  // -pair_datetime keeps the padding of -csv
+  EXPECT_FALSE(paired.report.no_whitespace);  // -pair_datetime keeps the padding of -csv
 
   cmd_params multi;
   ASSERT_TRUE(parsed(multi, {"-multiline"}));
-  EXPECT_EQ(multi.separator, "");
-  EXPECT_TRUE(multi.header_row_pending);
+  EXPECT_EQ(multi.report.separator, "");
+  EXPECT_TRUE(multi.report.header_row_pending);
 }
 
 TEST(CmdParams, Separators) {
   cmd_params tab;
   ASSERT_TRUE(parsed(tab, {"-csv_separator", "TAB"}));
-  EXPECT_EQ(tab.separator, "\t");
-  EXPECT_EQ(tab.separator_char, 0);
-  EXPECT_EQ(tab.sub_separator_char, 0);
+  EXPECT_EQ(tab.report.separator, "\t");
+  EXPECT_EQ(tab.report.separator_char, 0);
+  EXPECT_EQ(tab.report.sub_separator_char, 0);
 
   cmd_params bar;
   ASSERT_TRUE(parsed(bar, {"-csv_separator", " | "}));
-  EXPECT_EQ(bar.separator, " | ");
-  EXPECT_EQ(bar.separator_char, '|');
-  EXPECT_EQ(bar.sub_separator_char, ';');
+  EXPECT_EQ(bar.report.separator, " | ");
+  EXPECT_EQ(bar.report.separator_char, '|');
+  EXPECT_EQ(bar.report.sub_separator_char, ';');
 
   cmd_params colon;
   ASSERT_TRUE(parsed(colon, {"-csv_separator", ":"}));
-  EXPECT_EQ(colon.separator_char, 0);  // nothing is replaced inside cells
+  EXPECT_EQ(colon.report.separator_char, 0);  // nothing is replaced inside cells
 
   cmd_params quoted;
   ASSERT_TRUE(parsed(quoted, {"-enable_quoted_csv_fields"}));
-  EXPECT_EQ(quoted.separator, "|");
-  EXPECT_FALSE(quoted.pad_with_blanks);
-  EXPECT_EQ(quoted.separator_char, 0);
+  EXPECT_EQ(quoted.report.separator, "|");
+  EXPECT_FALSE(quoted.report.pad_with_blanks);
+  EXPECT_EQ(quoted.report.separator_char, 0);
 
   cmd_params bare;
   ASSERT_TRUE(parsed(bare, {"-no_whitespace"}));
-  EXPECT_EQ(bare.separator, "|");
-  EXPECT_TRUE(bare.no_whitespace);
+  EXPECT_EQ(bare.report.separator, "|");
+  EXPECT_TRUE(bare.report.no_whitespace);
 }
 
 TEST(CmdParams, DateAndTimeFormatChecks) {
   cmd_params o;
-  o.time_format = "hh:mm:ss.xxxxxxxxx";
+  o.report.time_format = "hh:mm:ss.xxxxxxxxx";
   ASSERT_TRUE(parsed(o, {"-dateformat", "MM/DD/YY", "-timeformat", "hh:mm:ss.xxxxxxxxx"}));
-  EXPECT_EQ(o.date_format, "mm/dd/yy");
-  EXPECT_EQ(o.datetime_format.fraction_digits(), 9u);
+  EXPECT_EQ(o.report.date_format, "mm/dd/yy");
+  EXPECT_EQ(o.report.datetime_format.fraction_digits(), 9u);
 
   cmd_params bad;
-  bad.time_format = "hh:mm:ss.xxxxxxxxx";
+  bad.report.time_format = "hh:mm:ss.xxxxxxxxx";
   ASSERT_TRUE(parsed(bad, {"-dateformat", "dd-mmm-yy", "-timeformat", "hh:mm:ss.xxxxxxxxxx"}));
-  EXPECT_EQ(bad.date_format, "yyyy-mm-dd");
-  EXPECT_EQ(bad.time_format, "hh:mm:ss.xxxxxxxxx");
+  EXPECT_EQ(bad.report.date_format, "yyyy-mm-dd");
+  EXPECT_EQ(bad.report.time_format, "hh:mm:ss.xxxxxxxxx");
 
   cmd_params short_time;
   ASSERT_TRUE(parsed(short_time, {"-timeformat", "hh:mm:ss"}));
-  EXPECT_EQ(short_time.time_format, "hh:mm:ss");
-  EXPECT_EQ(short_time.datetime_format.fraction_digits(), 0u);
+  EXPECT_EQ(short_time.report.time_format, "hh:mm:ss");
+  EXPECT_EQ(short_time.report.datetime_format.fraction_digits(), 0u);
 }
 
 TEST(CmdParams, FailuresStopParsing) {

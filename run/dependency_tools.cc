@@ -104,8 +104,8 @@ int run_providers(std::ostream& report_out, quon_user_opts& opts) {
   args += "-key \"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\WINEVT\\Publishers\" ";
   args += "-level 1 ";
   args += "-extract \"(unnamed)|MessageFileName\"";
-  args += " -dateformat " + opts.date_format;
-  args += " -timeformat " + opts.time_format;
+  args += " -dateformat " + opts.report.date_format;
+  args += " -timeformat " + opts.report.time_format;
   args += " -pair_datetime";
   return run_dependency_tool(report_out, "hivewick", args, opts) ? 0 : -1;
 }

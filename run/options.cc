@@ -9,7 +9,7 @@
 
 quon_user_opts::quon_user_opts() {
   // The program's own default: nine digits of fraction.
-  time_format = "hh:mm:ss.xxxxxxxxx";
+  report.time_format = "hh:mm:ss.xxxxxxxxx";
 }
 
 quon_user_opts::~quon_user_opts() = default;
@@ -63,14 +63,14 @@ bool parse_options(quon_user_opts& o, std::vector<std::string>& args) {
       complain("This option requires -log <etl file>\n");
       return false;
     }
-    o.list_guids = true;
+    o.walk.list_guids = true;
   }
   if (has_word("-stats", args)) {
     if (o.log_files.empty() && !o.use_pipe) {
       complain("This option requires -log <etl file>\n");
       return false;
     }
-    o.list_stats = true;
+    o.walk.list_stats = true;
     o.engine.stats_enabled = true;
   }
   if (has_word("-no_guessing", args)) o.no_guessing = true;
@@ -81,9 +81,11 @@ bool parse_options(quon_user_opts& o, std::vector<std::string>& args) {
     }
     std::vector<uint8_t> guid;
     if (v.size() < 22 || !qv::parse_guid(v, guid) || guid.size() != 16) return false;
-    std::copy(guid.begin(), guid.end(), o.pull_guid.begin());
-    o.pull_guid_on = true;
+    std::copy(guid.begin(), guid.end(), o.walk.subset.guid.begin());
+    o.walk.subset.on = true;
+    o.walk.subset.path = o.results_path;
   }
+  o.walk.show_status = o.show_status;
   return true;
 }
 

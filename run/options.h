@@ -12,6 +12,7 @@
 #include "support/guid.h"
 #include "support/qv_time.h"
 #include "support/uni_fileio.h"
+#include "trace/file_walk.h"
 #include "trace/trace_engine.h"
 
 class quon_user_opts : public cmd_params {
@@ -20,12 +21,8 @@ class quon_user_opts : public cmd_params {
   ~quon_user_opts() override;
 
   std::vector<std::string> log_files;
-  bool pull_guid_on = false;
-  qv::guid16 pull_guid{};
-  std::unique_ptr<uni::fileio> subset_file;  // open during a -pullguid walk
-  uint64_t subset_pos = 0;
-  bool list_guids = false;
-  bool list_stats = false;
+  // What the walk reads: -guids, -stats, -pullguid and its subset file.
+  walk_options walk;
   bool no_guessing = false;
   bool extract_bxml = false;
   bool encoded = false;

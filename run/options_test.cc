@@ -26,7 +26,7 @@ TEST(Options, LogListSplitsAtThePreferredDelimiter) {
   ASSERT_TRUE(parsed(one, {"-log", "my trace.etl"}));
   EXPECT_EQ(one.log_files, (std::vector<std::string>{"my trace.etl"}));
   // The program's own default time format.
-  EXPECT_EQ(one.time_format, "hh:mm:ss.xxxxxxxxx");
+  EXPECT_EQ(one.report.time_format, "hh:mm:ss.xxxxxxxxx");
 }
 
 TEST(Options, ModesAndTheirRequirements) {
@@ -34,7 +34,7 @@ TEST(Options, ModesAndTheirRequirements) {
   EXPECT_FALSE(parsed(guids, {"-guids", "-enumdir", "/tmp"}));
   quon_user_opts piped;
   EXPECT_TRUE(parsed(piped, {"-stats", "-pipe"}));
-  EXPECT_TRUE(piped.list_stats);
+  EXPECT_TRUE(piped.walk.list_stats);
   EXPECT_TRUE(piped.engine.stats_enabled);
 
   quon_user_opts pull;
@@ -42,11 +42,11 @@ TEST(Options, ModesAndTheirRequirements) {
   quon_user_opts pull_ok;
   ASSERT_TRUE(parsed(pull_ok, {"-log", "a.etl", "-out", "/dev/null", "-pullguid",
                                "5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b"}));
-  EXPECT_TRUE(pull_ok.pull_guid_on);
+  EXPECT_TRUE(pull_ok.walk.subset.on);
   // The GUID is kept in the binary layout: Data1 little-endian first.
-  EXPECT_EQ(pull_ok.pull_guid[0], 0x11);
-  EXPECT_EQ(pull_ok.pull_guid[3], 0x5f);
-  EXPECT_EQ(pull_ok.pull_guid[15], 0x5b);
+  EXPECT_EQ(pull_ok.walk.subset.guid[0], 0x11);
+  EXPECT_EQ(pull_ok.walk.subset.guid[3], 0x5f);
+  EXPECT_EQ(pull_ok.walk.subset.guid[15], 0x5b);
   quon_user_opts short_guid;
   EXPECT_FALSE(parsed(short_guid, {"-out", "/dev/null", "-pullguid", "5f0b2a11-7c3e"}));
 

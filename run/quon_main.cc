@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "report/event_row.h"
 #include "run/dependency_tools.h"
 #include "run/options.h"
 #include "support/console.h"
@@ -17,8 +18,17 @@
 #include "support/uni_fileio.h"
 #include "templates/template_block.h"
 #include "trace/file_walk.h"
+#include "trace/trace_stats.h"
 
 namespace {
+
+// The sink of -pullguid: the walk writes the subset, nothing is printed.
+class null_sink : public record_sink {
+ public:
+  void file_opened(const file_opening&) override {}
+  void take_records(record_list&) override {}
+  void file_ended() override {}
+};
 
 const char kBanner[] = "quon ver: 0.31";
 
@@ -92,8 +102,23 @@ std::string compose_prologue(const std::vector<std::string>& args) {
 
 void set_current_file(quon_user_opts& opts, const std::string& name) {
   opts.current_file = name;
-  opts.row_file_name = name;
+  opts.report.row_file_name = name;
   opts.engine.file_name = name;
+}
+
+// The walk of one file, with the sink of the run's mode: rows, the provider
+// listing of -guids and -stats, or nothing but the subset of -pullguid.
+bool walk_file(std::ostream& report_out, uni::fileio& file, quon_user_opts& opts) {
+  if (opts.walk.subset.on) {
+    null_sink none;
+    return walk_trace_file(file, opts.walk, opts.engine, none);
+  }
+  if (opts.walk.list_guids || opts.walk.list_stats) {
+    listing_sink listing(report_out, opts.engine, opts.walk.list_stats);
+    return walk_trace_file(file, opts.walk, opts.engine, listing);
+  }
+  row_sink rows(report_out, opts.report);
+  return walk_trace_file(file, opts.walk, opts.engine, rows);
 }
 
 }  // namespace
@@ -102,13 +127,13 @@ bool process_file(std::ostream& report_out, const std::string& path, quon_user_o
   uni::fileio file(path, false, true);
   bool ok = false;
   if (file.is_open()) {
-    opts.header_row_pending = true;
-    ok = walk_trace_file(report_out, file, opts);
+    opts.report.header_row_pending = true;
+    ok = walk_file(report_out, file, opts);
     if (opts.show_status) qv::clear_status_line();
   }
   file.close();
   reset_engine(opts.engine, true);
-  opts.engine.stats_enabled = opts.list_stats;
+  opts.engine.stats_enabled = opts.walk.list_stats;
   return ok;
 }
 
@@ -203,7 +228,7 @@ int quon_main(int argc, char** argv) {
   }
   // A subset trace holds nothing but trace data: the header text that would
   // go to the same file is left out.
-  if (!opts.pull_guid_on) {
+  if (!opts.walk.subset.on) {
     prologue += '\n';
     report_out->write(prologue.data(), static_cast<std::streamsize>(prologue.size()));
   }

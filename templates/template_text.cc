@@ -151,8 +151,12 @@ bool parse_template_line(template_record& record, const std::string& line) {
   // A versioned line is its own layout: its version and builds are part of
   // what makes two lines equal, so lines that differ only in them don't merge.
   if (record.version >= 0) {
-    record.layout_text += "V" + std::to_string(record.version);
-    for (uint16_t b : record.builds) record.layout_text += "#" + std::to_string(b);
+    record.layout_text += 'V';
+    record.layout_text += std::to_string(record.version);
+    for (uint16_t b : record.builds) {
+      record.layout_text += '#';
+      record.layout_text += std::to_string(b);
+    }
   }
   record.key = digest_of(record.layout_text);
   return true;

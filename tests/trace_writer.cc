@@ -1,5 +1,6 @@
 #include "tests/trace_writer.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -156,8 +157,8 @@ bytes other_header_record(const event_spec& e, uint16_t header_type) {
 }
 
 bytes extended_item(uint16_t ext_type, const bytes& data, bool more) {
-  bytes r(8, 0);
-  r.insert(r.end(), data.begin(), data.end());
+  bytes r(8 + data.size(), 0);
+  if (!data.empty()) std::memcpy(r.data() + 8, data.data(), data.size());
   put16(r, 0, uint16_t(r.size()));
   put16(r, 2, ext_type);
   put16(r, 4, more ? 1 : 0);
@@ -167,15 +168,17 @@ bytes extended_item(uint16_t ext_type, const bytes& data, bool more) {
 
 bytes tracelogging_schema(const std::string& event_name,
                           const std::vector<std::pair<std::string, uint8_t>>& fields) {
-  bytes r(2, 0);
-  r.push_back(0);  // one tag byte, no continuation
-  r.insert(r.end(), event_name.begin(), event_name.end());
-  r.push_back(0);
+  // The size, one tag byte with no continuation, the event name.
+  std::string body(3, '\0');
+  body += event_name;
+  body += '\0';
   for (const auto& [name, type] : fields) {
-    r.insert(r.end(), name.begin(), name.end());
-    r.push_back(0);
-    r.push_back(type);
+    body += name;
+    body += '\0';
+    body += static_cast<char>(type);
   }
+  bytes r(body.size());
+  std::memcpy(r.data(), body.data(), body.size());
   put16(r, 0, uint16_t(r.size()));
   return r;
 }
@@ -183,15 +186,14 @@ bytes tracelogging_schema(const std::string& event_name,
 void etl_writer::log_header(const log_header_spec& s) {
   const bool wide = s.pointer_size == 8;
   const size_t names_at = wide ? 384 : 376;
-  bytes b(names_at, 0);
-  bytes logger = utf16(s.logger_name);
-  bytes file = utf16(s.log_file_name);
-  put_bytes(b, names_at, logger.data(), logger.size());
-  put16(b, names_at + logger.size(), 0);
-  size_t file_at = names_at + logger.size() + 2;
-  put_bytes(b, file_at, file.data(), file.size());
-  put16(b, file_at + file.size(), 0);
+  const bytes logger = utf16(s.logger_name);
+  const bytes file = utf16(s.log_file_name);
+  // The two names, each with its zero terminator, end the record.
+  const size_t file_at = names_at + logger.size() + 2;
   const size_t record_end = file_at + file.size() + 2;
+  bytes b(record_end, 0);
+  std::copy(logger.begin(), logger.end(), b.begin() + static_cast<std::ptrdiff_t>(names_at));
+  std::copy(file.begin(), file.end(), b.begin() + static_cast<std::ptrdiff_t>(file_at));
 
   // WMI_BUFFER_HEADER of the log header buffer.
   put32(b, 0, s.buffer_size);

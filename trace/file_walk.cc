@@ -4,8 +4,6 @@
 #include <sstream>
 #include <vector>
 
-#include "report/event_row.h"
-#include "run/options.h"
 #include "support/byte_reader.h"
 #include "support/console.h"
 #include "support/limits.h"
@@ -53,29 +51,38 @@ bool expand_buffer(const std::vector<uint8_t>& in, uint32_t largest, std::vector
   return true;
 }
 
+// The records of the buffer just read go to the sink, then are emptied.
+void hand_records(trace_engine& engine, record_sink& sink) {
+  if (!engine.records.empty()) sink.take_records(engine.records);
+  engine.records.clear();
+}
+
 }  // namespace
 
-bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts& opts) {
+bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine, record_sink& sink) {
   if (!file.is_open()) return false;
-  trace_engine& engine = opts.engine;
   const uint64_t file_size = file.file_size();
   if (file_size < kFirstProbeSize) return false;
 
   std::vector<uint8_t> block;
   if (!file.read_block(block, kFirstProbeSize, 0) || block.size() < kFirstProbeSize) return false;
 
-  if (opts.pull_guid_on && !opts.subset_file) {
+  subset_target& subset = opts.subset;
+  if (subset.on && !subset.file) {
     auto out = std::make_unique<uni::fileio>();
-    if (out->open(opts.results_path, true, true, true)) opts.subset_file = std::move(out);
+    if (out->open(subset.path, true, true, true)) subset.file = std::move(out);
   }
 
-  const bool pulling = opts.pull_guid_on;
+  const bool pulling = subset.on;
   const bool listing = opts.list_guids || opts.list_stats;
   engine.decode_enabled = !pulling && !listing;
-  engine.subset_enabled = pulling && opts.subset_file && opts.subset_file->is_open();
-  engine.subset_guid = opts.pull_guid;
+  engine.subset_enabled = pulling && subset.file && subset.file->is_open();
+  engine.subset_guid = subset.guid;
 
-  std::ostringstream held;  // the column line and header row, printed behind the preamble
+  file_opening opening;
+  opening.file_name = &engine.file_name;
+  opening.session_name = kNotAvailable;
+  opening.orig_source_path = kNotAvailable;
   uint32_t first_block_size = 0;
   bool is_rlfs = false;
   bool is_headerless = false;
@@ -85,9 +92,9 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
     // The whole first block, and at least the probe, for the header's fields.
     if (!read_capped(file, block, std::max<uint32_t>(buffer_size, kFirstProbeSize), 0)) return false;
     first_block_size = buffer_size;
-    if (opts.subset_file) {
-      opts.subset_file->write_at(block.data(), std::min<uint32_t>(buffer_size, static_cast<uint32_t>(block.size())), 0);
-      opts.subset_pos = buffer_size;
+    if (subset.file) {
+      subset.file->write_at(block.data(), std::min<uint32_t>(buffer_size, static_cast<uint32_t>(block.size())), 0);
+      subset.pos = buffer_size;
     }
     if (!open_with_log_header(engine, block.data(), block.size())) return false;
     // A compressed buffer expands to at most the buffer size the session
@@ -95,47 +102,36 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
     // smaller).
     largest_buffer = static_cast<uint32_t>(std::min<uint64_t>(
         std::max(engine.header.BufferSize, buffer_size), qv::limits::kMaxBufferRead));
-    opts.session_name = engine.logger_name.empty() ? kNotAvailable : engine.logger_name;
-    opts.orig_source_path = engine.log_file_name.empty() ? kNotAvailable : engine.log_file_name;
-    write_header_info_row(engine.header, held, opts);
+    opening.kind = trace_file_kind::regular;
+    opening.header = &engine.header;
+    if (!engine.logger_name.empty()) opening.session_name = engine.logger_name;
+    if (!engine.log_file_name.empty()) opening.orig_source_path = engine.log_file_name;
   } else if (is_rlfs_buffer(block.data(), file_size)) {
     is_rlfs = true;
     const uint64_t length = rd_u64(block.data(), block.size(), 48);
     if (length > block.size() && !read_capped(file, block, static_cast<uint32_t>(length), 0)) return false;
     const uint32_t walk_start = rd_u32(block.data(), block.size(), 40);
-    if (opts.subset_file) {
-      opts.subset_file->write_at(block.data(), static_cast<uint32_t>(std::min<uint64_t>(length, block.size())), 0);
-      opts.subset_pos = walk_start;
+    if (subset.file) {
+      subset.file->write_at(block.data(), static_cast<uint32_t>(std::min<uint64_t>(length, block.size())), 0);
+      subset.pos = walk_start;
     }
     open_with_first_buffer(engine, block.data(), block.size());
-    opts.session_name = kNotAvailable;
-    opts.orig_source_path = kNotAvailable;
     first_block_size = walk_start;
-    write_short_header_row(engine.first_block, held, opts);
+    opening.kind = trace_file_kind::rlfs;
+    opening.first_block = engine.first_block;
   } else {
     if (!is_zero_block(block.data(), block.size())) return false;
     is_headerless = true;
-    if (opts.subset_file) {
+    if (subset.file) {
       const uint8_t zeros[kBufferHeaderSize] = {};
-      opts.subset_file->write_at(zeros, kBufferHeaderSize, 0);
-      opts.subset_pos = kBufferHeaderSize;
+      subset.file->write_at(zeros, kBufferHeaderSize, 0);
+      subset.pos = kBufferHeaderSize;
     }
     first_block_size = kBufferHeaderSize;
-    opts.session_name = kNotAvailable;
-    opts.orig_source_path = kNotAvailable;
-    write_short_header_row(engine.first_block, held, opts);
+    opening.kind = trace_file_kind::headerless;
+    opening.first_block = engine.first_block;
   }
-
-  if (!pulling) {
-    std::string head = "---------------------\nfile: " + opts.current_file + "\n";
-    if (!listing) {
-      head += "orig source path: " + opts.orig_source_path + "\n";
-      head += held.str();
-    } else {
-      head += "\n";
-    }
-    report_out.write(head.data(), static_cast<std::streamsize>(head.size()));
-  }
+  sink.file_opened(opening);
 
   // The buffer loop.
   std::vector<uint8_t> buffer;
@@ -192,22 +188,14 @@ bool walk_trace_file(std::ostream& report_out, uni::fileio& file, quon_user_opts
     if (!refused) read_buffer(engine, data->data(), data->size(), pos);
 
     if (engine.subset_enabled && !refused)
-      write_subset_buffer(opts, data->data(), static_cast<uint32_t>(data->size()), pos, size_at_4);
-    if (!pulling && !listing) emit_rows(engine, report_out, opts);
-    else discard_rows(engine);
+      write_subset_buffer(subset, engine, data->data(), static_cast<uint32_t>(data->size()), pos, size_at_4);
+    hand_records(engine, sink);
     pos += buffer_size;
   }
 
-  if (pulling) {
-    discard_rows(engine);
-    // The subset belongs to this walk: later inputs don't reach it.
-    if (opts.subset_file) opts.subset_file->close();
-  } else if (opts.list_stats) {
-    print_statistics(report_out, opts);
-  } else if (opts.list_guids) {
-    print_provider_list(report_out, opts);
-  } else {
-    emit_rows(engine, report_out, opts);
-  }
+  hand_records(engine, sink);
+  // The subset belongs to this walk: later inputs don't reach it.
+  if (pulling && subset.file) subset.file->close();
+  sink.file_ended();
   return true;
 }

@@ -5,9 +5,9 @@
 
 #include <sstream>
 
-#include "run/options.h"
 #include "support/uni_fileio.h"
 #include "tests/trace_writer.h"
+#include "trace/trace_engine.h"
 
 namespace {
 
@@ -40,15 +40,17 @@ walk_result walk(const tw::bytes& bytes, const std::string& name) {
     w.append(bytes);
     EXPECT_TRUE(w.write_file(path));
   }
-  quon_user_opts opts;
+  walk_options opts;
   opts.show_status = false;
   opts.list_stats = true;
-  opts.engine.stats_enabled = true;
-  opts.current_file = name;
+  trace_engine engine;
+  engine.stats_enabled = true;
+  engine.file_name = name;
   uni::fileio file(path, false);
   std::ostringstream out;
+  listing_sink sink(out, engine, true);
   walk_result r;
-  r.accepted = walk_trace_file(out, file, opts);
+  r.accepted = walk_trace_file(file, opts, engine, sink);
   r.text = out.str();
   unlink(path.c_str());
   return r;

@@ -5,7 +5,6 @@
 
 #include "decode/payload_decoder.h"
 #include "decode/tracelogging.h"
-#include "report/event_row.h"
 #include "support/byte_reader.h"
 #include "support/qv_string.h"
 #include "support/qv_time.h"
@@ -550,11 +549,6 @@ bool read_buffer(trace_engine& e, const uint8_t* data, size_t size, uint64_t fil
     if (size - 8 <= pos || left < 0 || left <= 79) break;
   }
   return true;
-}
-
-void emit_rows(trace_engine& e, std::ostream& out, cmd_params& opts) {
-  for (etl_record& rec : e.records) write_event_row(rec, out, opts);
-  e.records.clear();
 }
 
 void discard_rows(trace_engine& e) { e.records.clear(); }

@@ -1,7 +1,7 @@
 // The trace engine: recognises the event records of a buffer among the
 // header kinds the logger writes, unpacks each into an `etl_record`, asks the
 // payload decoder for its fields, and keeps the records of the current buffer
-// in file-offset order until the walker hands them to the row writer.
+// in file-offset order until the walker hands them to a record sink.
 //
 // Records are aligned on 8 bytes. Header kinds (offsets within the record):
 //   kind | marker (u16 at 2)       | size at | time at | id at | provider at | thread, process | header
@@ -25,7 +25,6 @@
 
 #include <cstdint>
 #include <map>
-#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -35,8 +34,6 @@
 #include "trace/buffer_header.h"
 #include "trace/etl_record.h"
 #include "trace/log_header.h"
-
-class cmd_params;
 
 // The records of one buffer, ordered by key, one record per key. The key is
 // the record's file offset, except for a placeholder, which is keyed by the
@@ -104,9 +101,6 @@ bool open_with_first_buffer(trace_engine& engine, const uint8_t* header, size_t 
 // The buffer loop: every record of the buffer at `file_offset`.
 bool read_buffer(trace_engine& engine, const uint8_t* data, size_t size, uint64_t file_offset);
 
-// Hands the records of the current buffer, in offset order, to the row
-// writer, then empties them.
-void emit_rows(trace_engine& engine, std::ostream& out, cmd_params& opts);
 // Drops the records of the current buffer.
 void discard_rows(trace_engine& engine);
 

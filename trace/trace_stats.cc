@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "run/options.h"
 #include "support/byte_reader.h"
 #include "support/limits.h"
 #include "support/qv_string.h"
 #include "trace/buffer_header.h"
+#include "trace/trace_engine.h"
 
 namespace {
 
@@ -24,14 +24,13 @@ std::string provider_line(const trace_engine& engine, const qv::guid16& guid) {
 
 }  // namespace
 
-void print_provider_list(std::ostream& out, quon_user_opts& opts) {
+void print_provider_list(std::ostream& out, const trace_engine& engine) {
   std::string text;
-  for (const qv::guid16& g : opts.engine.stats.provider_set) text += provider_line(opts.engine, g);
+  for (const qv::guid16& g : engine.stats.provider_set) text += provider_line(engine, g);
   out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
-void print_statistics(std::ostream& out, quon_user_opts& opts) {
-  const trace_engine& engine = opts.engine;
+void print_statistics(std::ostream& out, const trace_engine& engine) {
   std::string text;
   char line[64];
   for (const qv::guid16& g : engine.stats.provider_set) {
@@ -50,12 +49,12 @@ void print_statistics(std::ostream& out, quon_user_opts& opts) {
   out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
-bool write_subset_buffer(quon_user_opts& opts, const uint8_t* buffer, uint32_t buffer_size,
-                         uint64_t pos, bool is_rlfs_or_headerless) {
-  trace_indexes& stats = opts.engine.stats;
-  auto range = stats.subset_index.equal_range(opts.pull_guid);
+bool write_subset_buffer(subset_target& subset, trace_engine& engine, const uint8_t* buffer,
+                         uint32_t buffer_size, uint64_t pos, bool is_rlfs_or_headerless) {
+  trace_indexes& stats = engine.stats;
+  auto range = stats.subset_index.equal_range(subset.guid);
   if (range.first == range.second) return true;  // this buffer is left out
-  if (!opts.subset_file || buffer_size < kBufferHeaderSize) {
+  if (!subset.file || buffer_size < kBufferHeaderSize) {
     stats.subset_index.clear();
     return false;
   }
@@ -87,7 +86,19 @@ bool write_subset_buffer(quon_user_opts& opts, const uint8_t* buffer, uint32_t b
     qv::wr_u32(header + 8, static_cast<uint32_t>(used));
     qv::wr_u32(header + 0, static_cast<uint32_t>(padded));
   }
-  const bool ok = opts.subset_file->write_at(work.data(), static_cast<uint32_t>(padded), opts.subset_pos);
-  opts.subset_pos += padded;
+  const bool ok = subset.file->write_at(work.data(), static_cast<uint32_t>(padded), subset.pos);
+  subset.pos += padded;
   return ok;
+}
+
+void listing_sink::file_opened(const file_opening& file) {
+  std::string head;
+  append_file_head(head, file.file_name ? *file.file_name : std::string());
+  head += '\n';
+  out_.write(head.data(), static_cast<std::streamsize>(head.size()));
+}
+
+void listing_sink::file_ended() {
+  if (stats_) print_statistics(out_, engine_);
+  else print_provider_list(out_, engine_);
 }

@@ -4,13 +4,43 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <ostream>
+#include <string>
 
-class quon_user_opts;
+#include "support/guid.h"
+#include "support/uni_fileio.h"
+#include "trace/record_sink.h"
+
 struct trace_engine;
 
+// -pullguid: the reduced trace that holds one provider's records.
+struct subset_target {
+  bool on = false;
+  qv::guid16 guid{};
+  std::string path;                   // where it is written (the -out path)
+  std::unique_ptr<uni::fileio> file;  // open during the walk of the first input
+  uint64_t pos = 0;                   // next write position
+};
+
 // One subset step for the buffer at `pos`, after the buffer loop has run on it.
-bool write_subset_buffer(quon_user_opts& opts, const uint8_t* buffer, uint32_t buffer_size,
-                         uint64_t pos, bool is_rlfs_or_headerless);
-void print_provider_list(std::ostream& out, quon_user_opts& opts);
-void print_statistics(std::ostream& out, quon_user_opts& opts);
+bool write_subset_buffer(subset_target& subset, trace_engine& engine, const uint8_t* buffer,
+                         uint32_t buffer_size, uint64_t pos, bool is_rlfs_or_headerless);
+void print_provider_list(std::ostream& out, const trace_engine& engine);
+void print_statistics(std::ostream& out, const trace_engine& engine);
+
+// The sink of -guids and -stats: the file's head, then, when the walk is
+// done, the provider list or the count tables. Records are dropped.
+class listing_sink : public record_sink {
+ public:
+  listing_sink(std::ostream& out, const trace_engine& engine, bool stats)
+      : out_(out), engine_(engine), stats_(stats) {}
+  void file_opened(const file_opening& file) override;
+  void take_records(record_list&) override {}
+  void file_ended() override;
+
+ private:
+  std::ostream& out_;
+  const trace_engine& engine_;
+  bool stats_;
+};

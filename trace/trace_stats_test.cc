@@ -7,10 +7,10 @@
 #include <iterator>
 #include <sstream>
 
-#include "run/options.h"
 #include "support/uni_fileio.h"
 #include "tests/trace_writer.h"
 #include "trace/file_walk.h"
+#include "trace/trace_engine.h"
 
 namespace {
 
@@ -40,23 +40,35 @@ uint32_t u32(const tw::bytes& b, size_t off) {
   return b[off] | b[off + 1] << 8 | b[off + 2] << 16 | uint32_t(b[off + 3]) << 24;
 }
 
+// The sink of -pullguid walks: nothing is printed.
+class quiet_sink : public record_sink {
+ public:
+  void file_opened(const file_opening&) override {}
+  void take_records(record_list&) override {}
+  void file_ended() override {}
+};
+
 // Walks a file with the given mode switches and returns what was printed.
 std::string walk_file(const std::string& path, bool stats, bool guids, const std::string& pull = "",
                       const std::string& out_path = "") {
-  quon_user_opts opts;
+  walk_options opts;
   opts.show_status = false;
   opts.list_stats = stats;
   opts.list_guids = guids;
-  opts.engine.stats_enabled = stats;
-  opts.current_file = "f.etl";
+  trace_engine engine;
+  engine.stats_enabled = stats;
+  engine.file_name = "f.etl";
   if (!pull.empty()) {
-    opts.pull_guid_on = true;
-    opts.results_path = out_path;
-    std::copy(pull.begin(), pull.end(), opts.pull_guid.begin());
+    opts.subset.on = true;
+    opts.subset.path = out_path;
+    std::copy(pull.begin(), pull.end(), opts.subset.guid.begin());
   }
   uni::fileio file(path, false);
   std::ostringstream out;
-  EXPECT_TRUE(walk_trace_file(out, file, opts));
+  listing_sink listing(out, engine, stats);
+  quiet_sink quiet;
+  record_sink& sink = pull.empty() ? static_cast<record_sink&>(listing) : quiet;
+  EXPECT_TRUE(walk_trace_file(file, opts, engine, sink));
   return out.str();
 }
 
