@@ -9,7 +9,7 @@
 #include <cstring>
 #include <map>
 
-#include "tools/modsift/layout_words.h"
+#include "templates/manifest_layout.h"
 #include "tools/modsift/modsift_text.h"
 #include "tools/modsift/wevt_blob.h"
 
@@ -24,6 +24,8 @@ constexpr size_t kMaxVersionSize = size_t(64) << 10;
 // built to flood the output.
 constexpr size_t kMaxOutput = size_t(64) << 20;
 constexpr size_t kMaxNotes = 20;
+// Leading bytes looked at to tell a manifest: blanks before its "<" are few.
+constexpr uint64_t kXmlSniff = 4096;
 
 struct cached_template {
   bool ok = false;
@@ -32,8 +34,22 @@ struct cached_template {
   size_t users = 0;        // how many do
   std::string tokens;  // ", L<name>, <word>..." ready for the line
   bool empty = true;   // no fields at all
+  std::string ended;   // why the layout ends early; empty when it doesn't
   qv::byte_span binxml;
 };
+
+// "{guid} ! $id, V<version>[, #build][, L<label>, 0x8001]" and the fields.
+// An empty template still gets its line: the event is known to carry no
+// data, and a lone word 0 says so (whatever a payload holds is guessed).
+void append_event_line(std::string& text, const std::string& guid, uint16_t id, uint8_t version,
+                       uint16_t build, const std::string& label, bool empty, const std::string& tokens) {
+  text += "{" + guid + "} ! $" + std::to_string(id) + ", V" + std::to_string(version);
+  if (build) text += ", #" + std::to_string(build);
+  if (!label.empty()) text += ", L" + label + ", 0x8001";
+  if (empty && label.empty()) text += ", 0";
+  else text += tokens;
+  text += "\n";
+}
 
 std::string event_ref(const std::string& guid, const wevt_event& ev) {
   return "provider {" + guid + "} event " + std::to_string(ev.id) + " version " +
@@ -108,9 +124,10 @@ void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_opt
           budget = 0;
         } else {
           budget -= t.properties.size();
-          layout l = layout_of(t, budget);
-          append_layout_tokens(c.tokens, l);
+          manifest_layout l = layout_of(t, budget);
+          append_layout_tokens(c.tokens, l.fields);
           c.empty = l.fields.empty();
+          if (l.stopped) c.ended = layout_stop_text(l.stop);
           c.binxml = t.binxml;
           c.ok = true;
         }
@@ -127,14 +144,8 @@ void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_opt
         append_hex(text, c.binxml.data, c.binxml.size);
         text += "\n";
       }
-      text += "{" + guid + "} ! $" + std::to_string(ev->id);
-      if (ctx.build) text += ", #" + std::to_string(ctx.build);
-      if (!label.empty()) text += ", L" + label + ", 0x8001";
-      // An empty template still gets its line: the event is known to carry
-      // no data, and a lone word 0 says so (whatever a payload holds is guessed).
-      if (c.empty && label.empty()) text += ", 0";
-      else text += c.tokens;
-      text += "\n";
+      append_event_line(text, guid, ev->id, ev->version, ctx.build, label, c.empty, c.tokens);
+      if (!c.ended.empty()) ++res.ended_early[c.ended];
       ++template_lines;
     }
     if (flooded) break;
@@ -166,11 +177,105 @@ void harvest_blob(qv::byte_span blob, const blob_context& ctx, const harvest_opt
   res.template_lines += template_lines;
 }
 
+void harvest_manifest(qv::byte_span xml, const std::string& where, const harvest_options& opts,
+                      harvest_result& res) {
+  manifest_doc doc;
+  std::string reason;
+  if (!read_manifest_xml(xml.data, xml.size, opts.manifest, doc, reason)) {
+    res.problems.push_back("unreadable manifest: " + reason);
+    return;
+  }
+  std::string text;
+  size_t provider_lines = 0, template_lines = 0;
+  for (const std::string& p : doc.problems) {
+    if (res.problems.size() < kMaxNotes) res.problems.push_back(p);
+    text += "// skipped: " + clean_comment(p) + "\n";
+  }
+  bool flooded = false;
+  for (const manifest_provider& p : doc.providers) {
+    std::string guid = guid_text(p.guid);
+    std::string name = clean_provider_name(p.name);
+    if (!name.empty()) {
+      text += "#{" + guid + "} ! " + name + "\n";
+      ++provider_lines;
+    }
+    // Newest version of an identifier first, as for a compiled template.
+    std::vector<const manifest_event*> events;
+    for (const manifest_event& ev : p.events)
+      if (ev.has_template) events.push_back(&ev);
+    std::stable_sort(events.begin(), events.end(), [](const manifest_event* a, const manifest_event* b) {
+      return a->id != b->id ? a->id < b->id : a->version > b->version;
+    });
+    std::string tokens;
+    for (const manifest_event* ev : events) {
+      if (text.size() + res.text.size() > kMaxOutput) {
+        flooded = true;
+        break;
+      }
+      tokens.clear();
+      append_layout_tokens(tokens, ev->fields);
+      append_event_line(text, guid, ev->id, ev->version, 0, clean_field_name(ev->name), ev->fields.empty(),
+                        tokens);
+      if (ev->stopped) ++res.ended_early[ev->stop_reason];
+      ++template_lines;
+    }
+    if (flooded) break;
+  }
+  if (flooded) {
+    res.problems.push_back("output limit reached, the rest of the manifest is left out");
+    text += "// skipped: output limit reached, the rest of the manifest is left out\n";
+  }
+  if (provider_lines + template_lines == 0) {
+    res.problems.push_back("the manifest names no provider and holds no event template");
+    return;
+  }
+  char head[96];
+  std::snprintf(head, sizeof head, ": instrumentation manifest, %zu providers, %zu templates\n",
+                doc.providers.size(), template_lines);
+  res.text += "// " + clean_comment(where) + head;
+  res.text += text;
+  res.provider_lines += provider_lines;
+  res.template_lines += template_lines;
+}
+
+bool looks_like_xml(qv::byte_span head) {
+  size_t i = 0;
+  size_t step = 1;
+  if (head.has(0, 3) && head.data[0] == 0xEF && head.data[1] == 0xBB && head.data[2] == 0xBF) {
+    i = 3;
+  } else if (head.has(0, 2) && ((head.data[0] == 0xFF && head.data[1] == 0xFE) ||
+                                (head.data[0] == 0xFE && head.data[1] == 0xFF))) {
+    // UTF-16: look at the low byte of each unit.
+    i = head.data[0] == 0xFF ? 2 : 3;
+    step = 2;
+  }
+  for (; i < head.size; i += step) {
+    uint8_t c = head.data[i];
+    if (c == '<') return true;
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') return false;
+  }
+  return false;
+}
+
 void harvest_input(const input_source& src, const std::string& label, const harvest_options& opts,
                    harvest_result& res) {
   std::vector<uint8_t> magic;
+  if (fetch(src, 0, size_t(std::min<uint64_t>(src.size, kXmlSniff)), magic) &&
+      looks_like_xml(qv::byte_span(magic.data(), magic.size()))) {
+    if (src.size > opts.manifest.limits.max_input) {
+      res.problems.push_back("manifest too large");
+      return;
+    }
+    std::vector<uint8_t> xml;
+    if (!fetch(src, 0, static_cast<size_t>(src.size), xml)) {
+      res.problems.push_back("read error");
+      return;
+    }
+    harvest_manifest(qv::byte_span(xml.data(), xml.size()), label, opts, res);
+    return;
+  }
   if (!fetch(src, 0, 4, magic)) {
-    res.problems.push_back("not a PE file or a template blob (too short)");
+    res.problems.push_back("not a PE file, a template blob or a manifest (too short)");
     return;
   }
   if (std::memcmp(magic.data(), "CRIM", 4) == 0) {
@@ -189,7 +294,7 @@ void harvest_input(const input_source& src, const std::string& label, const harv
     return;
   }
   if (magic[0] != 'M' || magic[1] != 'Z') {
-    res.problems.push_back("not a PE file or a template blob");
+    res.problems.push_back("not a PE file, a template blob or a manifest");
     return;
   }
   pe_image pe;

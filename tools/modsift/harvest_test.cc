@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -26,15 +27,19 @@ bytes read_all(const std::string& path) {
 
 const std::string kWevt = std::string(QUON_SHARED_DIR) + "/wevt";
 
-harvest_result harvest_bytes(const bytes& b, bool enc = false) {
+harvest_result harvest_bytes(const bytes& b, const harvest_options& o) {
   input_source src;
   src.mem = b.data();
   src.size = b.size();
-  harvest_options o;
-  o.enc = enc;
   harvest_result r;
   harvest_input(src, "input", o, r);
   return r;
+}
+
+harvest_result harvest_bytes(const bytes& b, bool enc = false) {
+  harvest_options o;
+  o.enc = enc;
+  return harvest_bytes(b, o);
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
@@ -110,6 +115,9 @@ std::string line_problem(const std::string& line) {
     if (t.empty()) return "empty token";
     if (t[0] == '#') {
       if (!is_word(t.substr(1))) return "bad build";
+    } else if (t[0] == 'V') {
+      if (i != 1) return "version token not right behind the identifier";
+      if (!is_word(t.substr(1)) || std::stoul(t.substr(1)) > 255) return "bad version";
     } else if (t[0] == 'L') {
       if (i + 1 == tokens.size() || tokens[i + 1][0] == 'L') return "name without a word";
     } else if (!is_word(t)) {
@@ -132,14 +140,14 @@ const char* const kLarge[] = {
     "#{716efef7-5ac2-4ee0-8277-d9226411a155} ! ProviderName1.716EFEF75AC24EE08277D9226411A155",
     // Template4: UInt8 count="0" and Int8 count="1" are plain; 2 UTF-16
     // strings; 3 ANSI strings have no word.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $1, LEventName5, 0x8001, LCountData1, 4, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $1, V55, LEventName5, 0x8001, LCountData1, 4, "
     "LCountData2, 3, LCountData3, 0x9281, LCountData4, 0",
     // Template3: maps don't change the in-types.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $2, LEventName4, 0x8001, LData4, 4, LData6, 6, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $2, V44, LEventName4, 0x8001, LData4, 4, LData6, 6, "
     "LData8, 8, LData22, 20",
     // Template2: out-types don't matter; Binary length="16" is 0xB284 16;
     // OutData65 is a CountedAnsiString.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $3, LEventName3, 0x8001, LOutData1, 1, LOutData2, 1, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $3, V33, LEventName3, 0x8001, LOutData1, 1, LOutData2, 1, "
     "LOutData3, 1, LOutData4, 2, LOutData5, 2, LOutData6, 2, LOutData7, 2, LOutData8, 3, "
     "LOutData9, 3, LOutData10, 4, LOutData11, 4, LOutData12, 4, LOutData13, 4, LOutData14, 5, "
     "LOutData15, 6, LOutData16, 6, LOutData17, 6, LOutData18, 6, LOutData19, 7, LOutData20, 7, "
@@ -153,28 +161,28 @@ const char* const kLarge[] = {
     "LOutData57, 20, LOutData58, 20, LOutData59, 20, LOutData60, 21, LOutData61, 21, "
     "LOutData62, 22, LOutData63, 22, LOutData64, 22, LOutData65, 0",
     // Template1: every in-type once; Binary length="3" is 0xD384.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $5, LEventName511, 0x8001, LData1, 1, LData2, 2, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $5, V11, LEventName511, 0x8001, LData1, 1, LData2, 2, "
     "LData3, 3, LData4, 4, LData5, 5, LData6, 6, LData7, 7, LData8, 8, LData9, 9, LData10, 10, "
     "LData11, 11, LData12, 12, LData13, 13, LData14, 0xd384, LData15, 15, LData16, 16, "
     "LData17, 17, LData18, 18, LData19, 19, LData20, 20, LData21, 21, LData22, 22, LData23, 0",
     // Template5: Count1..3, then arrays counted by them, each count three
     // entries back; ANSI arrays have no word.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $6, LZzEventName6, 0x8001, LCount1, 4, LCount2, 4, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $6, V66, LZzEventName6, 0x8001, LCount1, 4, LCount2, 4, "
     "LCount3, 4, LVarCountData1, 0xa384, LVarCountData2, 0xa384, LVarCountData3, 0xa381, "
     "LVarCountData4, 0",
     // Template6: UTF-16 of one character has no word.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $7, LLengthData1, 1, LLengthData2, 0",
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $7, V0, LLengthData1, 1, LLengthData2, 0",
     // Template7: lengths from Length1..3, each three entries back; a SID
     // with a variable count has no word.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $8, LLength1, 4, LLength2, 4, LLength3, 4, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $8, V0, LLength1, 4, LLength2, 4, LLength3, 4, "
     "LVarLengthData3, 0xa301, LVarLengthData4, 0xa302, LVarLengthData16, 0xa384, "
     "LVarLengthData21, 0",
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $9, LCount1, 4, LCount2, 4, LCount3, 4, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $9, V254, LCount1, 4, LCount2, 4, LCount3, 4, "
     "LLength1, 4, LLength2, 4, LLength3, 4, LCountLengthData1_L0_C0, 1, "
     "LCountLengthData1_L0_C1, 1, LCountLengthData1_L0_C2, 0x9281, LCountLengthData1_L1_C0, 0",
     // Template9: Struct1 flattened (23 members), Field2, Struct3 (count="0")
     // and Struct4 (count="1") flattened, Struct5 (count="3") stops.
-    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $65535, LField1, 4, LField2, 3, LField3, 1, "
+    "{716efef7-5ac2-4ee0-8277-d9226411a155} ! $65535, V255, LField1, 4, LField2, 3, LField3, 1, "
     "LField4, 2, LField5, 3, LField6, 4, LField7, 5, LField8, 6, LField9, 7, LField10, 8, "
     "LField11, 9, LField12, 10, LField13, 11, LField14, 12, LField15, 13, LField16, 0xd384, "
     "LField17, 15, LField18, 16, LField19, 17, LField20, 18, LField21, 19, LField22, 20, "
@@ -182,7 +190,7 @@ const char* const kLarge[] = {
     "LField2, 0xd384, LField3, 4, LStruct5, 0",
     "#{d2eb3575-b9ae-4b4f-a0b7-61034a28c267} ! ProviderName2",
     "#{d2eb3575-b9ae-4b4f-a0b7-61034a28c268} ! ProviderName3",
-    "{d2eb3575-b9ae-4b4f-a0b7-61034a28c268} ! $1, LField1, 4",
+    "{d2eb3575-b9ae-4b4f-a0b7-61034a28c268} ! $1, V0, LField1, 4",
     "#{13bcf70a-af93-4ad6-bb33-d9b383a110b8} ! ProviderName4",
 };
 
@@ -208,7 +216,8 @@ TEST(Harvest, EveryPropertyForm) {
   expect_valid(r.text);
   std::map<int, std::string> got;
   for (const std::string& l : without_comments(r.text)) {
-    size_t d = l.find('$'), c = l.find(',');
+    // Behind "$id, V0": the fields.
+    size_t d = l.find('$'), c = l.find(',', l.find(", V") + 1);
     if (d != std::string::npos) got[std::stoi(l.substr(d + 1))] = l.substr(c);
   }
   // From TypeMangling.man: event N uses the template named in its line.
@@ -269,11 +278,141 @@ TEST(Harvest, FormatThreeAndFiveAgree) {
   EXPECT_EQ(lb[0], "#{e13b77a8-14b6-11de-8069-001b212b5009} ! Microsoft-Windows-WPF");
   lb.erase(lb.begin());
   EXPECT_EQ(la, lb);
-  // Event 1: Template_18, Int32 "Id" and Int64 "HWND"; event 2: Template_0.
-  EXPECT_EQ(la.at(0), "{e13b77a8-14b6-11de-8069-001b212b5009} ! $1, LId, 7, LHWND, 9");
-  EXPECT_EQ(la.at(1), "{e13b77a8-14b6-11de-8069-001b212b5009} ! $2, 0");
+  // Event 1: Template_18, Int32 "Id" and Int64 "HWND", version 2; event 2:
+  // Template_0.
+  EXPECT_EQ(la.at(0), "{e13b77a8-14b6-11de-8069-001b212b5009} ! $1, V2, LId, 7, LHWND, 9");
+  EXPECT_EQ(la.at(1), "{e13b77a8-14b6-11de-8069-001b212b5009} ! $2, V2, 0");
   expect_valid(a.text);
   expect_valid(b.text);
+}
+
+// Each manifest of the test vectors against its compiled form: the same
+// lines, field by field, once the manifest's events are named as the
+// compiled form names them (by name= only); the same layouts ended early;
+// and the same numbers for every event through both readers (levels, tasks,
+// opcodes and keywords by name, the provider's own and the "win:" ones;
+// channels numbered and given their keyword bit as the compiler does).
+TEST(Harvest, ManifestAndCompiledFormAgree) {
+  const char* const names[] = {"EventAttributes", "ImportChannels", "Large",  "ProviderTraits",
+                               "TaskOpcodes",     "TypeMangling",   "wpf-etw"};
+  size_t lines = 0, events = 0;
+  for (const char* name : names) {
+    bytes man = read_all(kWevt + "/" + name + ".man");
+    bytes bin = read_all(kWevt + "/" + name + ".wevt.v5.bin");
+    if (man.empty() || bin.empty()) GTEST_SKIP() << "no test vectors in " << kWevt;
+    harvest_options o;
+    o.manifest.symbol_as_name = false;
+    harvest_result x = harvest_bytes(man, o), c = harvest_bytes(bin);
+    EXPECT_TRUE(x.problems.empty()) << name << ": " << x.problems.at(0);
+    std::vector<std::string> lx = without_comments(x.text), lc = without_comments(c.text);
+    EXPECT_EQ(lx, lc) << name;
+    EXPECT_EQ(x.ended_early, c.ended_early) << name;
+    EXPECT_EQ(x.template_lines, c.template_lines) << name;
+    expect_valid(x.text);
+    lines += lx.size();
+
+    crim_blob cb;
+    std::string reason;
+    ASSERT_TRUE(read_crim(qv::byte_span(bin.data(), bin.size()), cb, reason)) << reason;
+    manifest_doc doc;
+    ASSERT_TRUE(read_manifest_xml(man.data(), man.size(), o.manifest, doc, reason)) << reason;
+    EXPECT_TRUE(doc.problems.empty()) << name << ": " << doc.problems.at(0);
+    ASSERT_EQ(doc.providers.size(), cb.providers.size()) << name;
+    for (size_t i = 0; i < cb.providers.size(); ++i) {
+      const wevt_provider& wp = cb.providers[i];
+      const manifest_provider& mp = doc.providers[i];
+      EXPECT_EQ(mp.guid, wp.guid) << name;
+      ASSERT_EQ(mp.events.size(), wp.events.size()) << name << " provider " << i;
+      for (const wevt_event& we : wp.events) {
+        const manifest_event* me = nullptr;
+        for (const manifest_event& e : mp.events)
+          if (e.id == we.id && e.version == we.version) me = &e;
+        ASSERT_NE(me, nullptr) << name << " event " << we.id << " version " << int(we.version);
+        std::string which = std::string(name) + " event " + std::to_string(we.id);
+        EXPECT_EQ(me->level, we.level) << which;
+        EXPECT_EQ(me->opcode, we.opcode) << which;
+        EXPECT_EQ(me->task, we.task) << which;
+        EXPECT_EQ(me->keywords, we.keywords) << which;
+        EXPECT_EQ(me->channel, we.channel) << which;
+        EXPECT_EQ(me->name, we.name) << which;
+        EXPECT_EQ(me->has_template, we.template_offset != 0) << which;
+        ++events;
+      }
+    }
+  }
+  // 4 + 12 + 7 lines of Large, TypeMangling's 137 events and wpf-etw's 333
+  // among them; every event of the seven manifests compared.
+  EXPECT_GT(lines, 137u + 333u + 14u);
+  EXPECT_EQ(events, size_t(7 + 6 + 12 + 3 + 2 + 137 + 333)) << events;
+}
+
+bytes text_bytes(const std::string& s) { return bytes(s.begin(), s.end()); }
+
+TEST(Harvest, ManifestInput) {
+  auto xml = [](const std::string& s) { return looks_like_xml(qv::byte_span(reinterpret_cast<const uint8_t*>(s.data()), s.size())); };
+  EXPECT_TRUE(xml("<x/>"));
+  EXPECT_TRUE(xml(" \r\n\t<?xml?>"));
+  EXPECT_TRUE(xml("\xEF\xBB\xBF<x/>"));
+  EXPECT_TRUE(xml(std::string("\xFF\xFE \0<\0", 6)));
+  EXPECT_TRUE(xml(std::string("\xFE\xFF\0 \0<", 6)));
+  EXPECT_FALSE(xml("MZ<"));
+  EXPECT_FALSE(xml("CRIM"));
+  EXPECT_FALSE(xml("   "));
+  EXPECT_FALSE(xml(""));
+
+  const std::string manifest =
+      "<instrumentationManifest><instrumentation><events>"
+      "<provider name=\"Odd,Name;x\" guid=\"{0a0b0c0d-1514-1716-1819-1a1b1c1d1e1f}\">"
+      "<events><event value=\"2\" version=\"1\" symbol=\"B!ang\" template=\"T\" level=\"nope\"/>"
+      "<event value=\"2\" version=\"3\" template=\"U\"/><event value=\"1\" template=\"E\"/>"
+      "<event value=\"5\"/></events>"
+      "<templates><template tid=\"T\"><data name=\"A\" inType=\"win:UInt16\"/></template>"
+      "<template tid=\"U\"><data name=\"N\" inType=\"win:UInt8\"/>"
+      "<struct name=\"S\" count=\"N\"><data name=\"X\" inType=\"win:UInt8\"/></struct></template>"
+      "<template tid=\"E\"/></templates></provider></events></instrumentation></instrumentationManifest>";
+  const std::string g = "{0a0b0c0d-1514-1716-1819-1a1b1c1d1e1f}";
+  std::vector<std::string> want = {
+      "#" + g + " ! Odd_Name_x",
+      g + " ! $1, V0, 0",                      // an empty template: a lone word 0
+      g + " ! $2, V3, LN, 4, LS, 0",           // newest version first
+      g + " ! $2, V1, LB_ang, 0x8001, LA, 6",  // named by its symbol
+  };
+  harvest_result r = harvest_bytes(text_bytes(manifest));
+  EXPECT_EQ(without_comments(r.text), want);
+  EXPECT_EQ(r.provider_lines, 1u);
+  EXPECT_EQ(r.template_lines, 3u);
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_NE(r.problems[0].find("event 2 version 1: unknown level \"nope\""), std::string::npos) << r.problems[0];
+  EXPECT_NE(r.text.find("// skipped: provider Odd,Name;x: event 2 version 1: unknown level"), std::string::npos);
+  EXPECT_EQ(r.text.rfind("// input: instrumentation manifest, 1 providers, 3 templates\n", 0), 0u) << r.text;
+  std::map<std::string, size_t> ended = {{"array of structures", 1}};
+  EXPECT_EQ(r.ended_early, ended);
+  expect_valid(r.text);
+
+  // The same manifest in UTF-16 with its byte order mark.
+  bytes wide = {0xFF, 0xFE};
+  for (char ch : manifest) {
+    wide.push_back(uint8_t(ch));
+    wide.push_back(0);
+  }
+  EXPECT_EQ(without_comments(harvest_bytes(wide).text), want);
+
+  // Refusals: unreadable XML, another XML document, a manifest of nothing.
+  r = harvest_bytes(text_bytes(manifest.substr(0, manifest.size() - 3)));
+  EXPECT_TRUE(r.text.empty());
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_EQ(r.problems[0].rfind("unreadable manifest: line 1: ", 0), 0u) << r.problems[0];
+  r = harvest_bytes(text_bytes("<doc/>"));
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_EQ(r.problems[0], "unreadable manifest: not an instrumentation manifest (root element <doc>)");
+  r = harvest_bytes(text_bytes("<instrumentationManifest/>"));
+  ASSERT_EQ(r.problems.size(), 1u);
+  EXPECT_EQ(r.problems[0], "the manifest names no provider and holds no event template");
+  EXPECT_TRUE(r.text.empty());
+
+  // Every prefix of a real manifest: valid text or nothing, never a fault.
+  bytes real = read_all(kWevt + "/EventAttributes.man");
+  for (size_t n = 0; n < real.size(); ++n) expect_valid(harvest_bytes(bytes(real.begin(), real.begin() + n)).text);
 }
 
 modsift_test::t_provider sample_provider() {
@@ -305,10 +444,10 @@ TEST(Harvest, VersionsOrderBuildTokenAndNames) {
   const std::string g = "{0a0b0c0d-1514-1716-1819-1a1b1c1d1e1f}";
   std::vector<std::string> want = {
       "#" + g + " ! Sample-Provider",
-      g + " ! $3, LFlags, 8",
-      g + " ! $7, LNewest, 0x8001, LSize, 6, LName, 0xa101",
-      g + " ! $7, LMid, 0x8001, LFlags, 8",
-      g + " ! $7, LOld, 0x8001, LFlags, 8",
+      g + " ! $3, V0, LFlags, 8",
+      g + " ! $7, V2, LNewest, 0x8001, LSize, 6, LName, 0xa101",
+      g + " ! $7, V1, LMid, 0x8001, LFlags, 8",
+      g + " ! $7, V0, LOld, 0x8001, LFlags, 8",
   };
   EXPECT_EQ(without_comments(r.text), want);
   EXPECT_EQ(r.template_lines, 4u);
@@ -327,8 +466,8 @@ TEST(Harvest, VersionsOrderBuildTokenAndNames) {
   std::vector<std::string> lines = without_comments(q.text);
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[0], "#" + g + " ! Sample-From-Messages");
-  EXPECT_EQ(lines[1], g + " ! $3, #17763, LFlags, 8");
-  EXPECT_EQ(lines[2], g + " ! $7, #17763, LSize, 6, LName, 0xa101");  // format 3: no names
+  EXPECT_EQ(lines[1], g + " ! $3, V0, #17763, LFlags, 8");
+  EXPECT_EQ(lines[2], g + " ! $7, V2, #17763, LSize, 6, LName, 0xa101");  // format 3: no names
   EXPECT_NE(q.text.find("file version 10.0.17763.1"), std::string::npos);
   expect_valid(q.text);
 
@@ -467,7 +606,7 @@ TEST(Harvest, CommandLine) {
   size_t semi = lines[0].find(';', v);
   ASSERT_NE(semi, std::string::npos);
   std::string ver = lines[0].substr(v + 4, semi - v - 4);
-  EXPECT_EQ(ver, " 0.40");
+  EXPECT_EQ(ver, " 0.41");
   EXPECT_GE(std::stoi(ver.substr(3)), 39);
   EXPECT_EQ(lines[1], "\"cmdline: " + std::string(MODSIFT_EXE) + " " + dll + " -quon -quiet\"");
   // After the head: only comments and template lines, the same as the
@@ -494,9 +633,37 @@ TEST(Harvest, CommandLine) {
   EXPECT_EQ(WEXITSTATUS(status), 2);
   run(std::string(MODSIFT_EXE) + " -bogus x 2>/dev/null", status);
   EXPECT_EQ(WEXITSTATUS(status), 2);
+  // The manifest itself: the same layouts, events named by their symbol where
+  // they have no name (7 and 8 of provider 1, 1 of provider 3), and the
+  // layouts that end early counted.
   std::string err = run(std::string(MODSIFT_EXE) + " \"" + kWevt + "/Large.man\" -quon 2>&1 >/dev/null", status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  const std::string large = kWevt + "/Large.man: ";
+  EXPECT_EQ(err, "modsift: " + large + "4 provider lines, 10 template lines\nmodsift: " + large +
+                     "layouts ended early: 2 UTF-16 text of a fixed length other than 3, 4 or 256, "
+                     "2 array of a type without an array word, 2 counted ANSI string, "
+                     "1 array of structures, 1 length or count out of reach\n");
+  out = run(std::string(MODSIFT_EXE) + " \"" + kWevt + "/Large.man\" 2>/dev/null", status);
+  lines = lines_of(out);
+  ASSERT_GE(lines.size(), 3u);
+  body.assign(lines.begin() + 2, lines.end());
+  rest.clear();
+  for (const std::string& l : body) rest += l + "\n";
+  expect_valid(rest);
+  for (std::string& w : want) {
+    const std::pair<const char*, const char*> symbols[] = {
+        {"a155} ! $7, V0, ", "LEventSym7, 0x8001, "},
+        {"a155} ! $8, V0, ", "LEventSym8, 0x8001, "},
+        {"c268} ! $1, V0, ", "LEventSym1, 0x8001, "}};
+    for (const auto& [ev, label] : symbols) {
+      size_t at = w.find(ev);
+      if (at != std::string::npos) w.insert(at + std::strlen(ev), label);
+    }
+  }
+  EXPECT_EQ(without_comments(rest), want);
+  err = run(std::string(MODSIFT_EXE) + " \"" + kWevt + "/README.md\" 2>&1 >/dev/null", status);
   EXPECT_EQ(WEXITSTATUS(status), 1);
-  EXPECT_NE(err.find("Large.man: not a PE file or a template blob"), std::string::npos) << err;
+  EXPECT_NE(err.find("README.md: not a PE file, a template blob or a manifest"), std::string::npos) << err;
   // A "!" in the command line can't make the head pass for a template line.
   out = run(std::string(MODSIFT_EXE) + " '/nonexistent/a!b$1,2' 2>/dev/null", status);
   lines = lines_of(out);

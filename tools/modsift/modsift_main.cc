@@ -1,12 +1,15 @@
-// modsift: harvests the binary event templates of manifest-based providers
-// (resource "WEVT_TEMPLATE" of DLL, EXE and SYS files) into the template text
-// that `quon -templates` reads.
+// modsift: harvests the event templates of manifest-based providers (the
+// binary resource "WEVT_TEMPLATE" of DLL, EXE and SYS files, or the
+// instrumentation manifest itself, in XML) into the template text that
+// `quon -templates` reads.
 //
 // Output: a head of two lines that quon checks and strips (the program name
 // with "ver: 0.NN;", then a line starting with a double quote and "cmdline: "),
 // then only template lines and "//" comments, so that a file of collected
 // outputs loads as it is. Reasons for unreadable input go to standard error.
+#include <algorithm>
 #include <cstdio>
+#include <map>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -17,20 +20,24 @@
 namespace {
 
 const char kHead[] =
-    "modsift ver: 0.40; event layouts from WEVT_TEMPLATE resources as quon template text\n";
+    "modsift ver: 0.41; event layouts from WEVT_TEMPLATE resources and manifests as quon template text\n";
 
 const char kUsage[] =
     "usage: modsift [-quon] [-enc] [-quiet] <file> [<file> ...]\n"
-    "  <file>  a PE image (DLL, EXE, SYS) carrying WEVT_TEMPLATE resources, or a raw\n"
-    "          template blob starting with \"CRIM\"\n"
+    "  <file>  a PE image (DLL, EXE, SYS) carrying WEVT_TEMPLATE resources, a raw\n"
+    "          template blob starting with \"CRIM\", or an instrumentation manifest\n"
+    "          (XML: UTF-8, or UTF-16 with its byte order mark)\n"
     "  -quon   template text for quon -templates (the default, and the only form)\n"
     "  -enc    add above each event line a comment with the event's template\n"
     "          (its binary XML) in hexadecimal\n"
     "  -quiet  no summary per file on standard error; reasons for input that\n"
     "          can't be read are still given\n"
     "  -h      this text\n"
-    "Lines: \"#{guid} ! Name\" per named provider, \"{guid} ! $id, #build, ...\" per\n"
-    "event with a template, newest version first; words as quon's walker reads them.\n";
+    "Lines: \"#{guid} ! Name\" per named provider, \"{guid} ! $id, V<version>, #build,\n"
+    "...\" per event with a template, newest version first; words as quon's walker\n"
+    "reads them. A field the words can't express ends its layout with a word 0; the\n"
+    "summary counts such layouts by reason. Manifests recreated from registered\n"
+    "metadata (providers marked source=\"Xml\") are read with their quirks.\n";
 
 void write_all(FILE* f, const std::string& s) {
   if (!s.empty()) std::fwrite(s.data(), 1, s.size(), f);
@@ -52,6 +59,19 @@ std::string command_line_text(int argc, char** argv) {
     if (quote) out += '"';
   }
   return modsift::clean_comment(out);
+}
+
+// "3 array of structures, 1 counted ANSI string": most frequent first.
+std::string ended_early_text(const std::map<std::string, size_t>& counts) {
+  std::vector<std::pair<size_t, std::string>> order;
+  for (const auto& [reason, n] : counts) order.emplace_back(n, reason);
+  std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  std::string out;
+  for (const auto& [n, reason] : order) {
+    if (!out.empty()) out += ", ";
+    out += std::to_string(n) + " " + reason;
+  }
+  return out;
 }
 
 }  // namespace
@@ -99,9 +119,13 @@ int main(int argc, char** argv) {
     std::string err;
     for (const std::string& p : res.problems)
       err += "modsift: " + modsift::clean_comment(path) + ": " + p + "\n";
-    if (!quiet && res.provider_lines + res.template_lines > 0)
+    if (!quiet && res.provider_lines + res.template_lines > 0) {
       err += "modsift: " + modsift::clean_comment(path) + ": " + std::to_string(res.provider_lines) +
              " provider lines, " + std::to_string(res.template_lines) + " template lines\n";
+      if (!res.ended_early.empty())
+        err += "modsift: " + modsift::clean_comment(path) + ": layouts ended early: " +
+               ended_early_text(res.ended_early) + "\n";
+    }
     if (!err.empty()) {
       std::fflush(stdout);
       write_all(stderr, err);

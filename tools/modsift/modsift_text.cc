@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "templates/manifest_layout.h"
+
 namespace modsift {
 
 void append_utf8(std::string& out, uint32_t cp) {
@@ -82,7 +84,7 @@ std::string clean_name(const std::string& text, const char* breakers) {
 
 }  // namespace
 
-std::string clean_field_name(const std::string& text) { return clean_name(text, ",!"); }
+std::string clean_field_name(const std::string& text) { return layout_name(text); }
 
 std::string clean_provider_name(const std::string& text) { return clean_name(text, ",!|;"); }
 

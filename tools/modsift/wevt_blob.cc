@@ -171,7 +171,7 @@ bool read_temp(qv::byte_span blob, uint32_t offset, temp_block& out, std::string
   out.properties.resize(props);
   for (uint32_t q = 0; q < props; ++q) {
     size_t b = items + size_t(q) * 20;
-    temp_property& p = out.properties[q];
+    manifest_property& p = out.properties[q];
     p.flags = qv::rd_u32(blob, b);
     p.in_type = qv::rd_u8(blob, b + 4);
     p.out_type = qv::rd_u8(blob, b + 5);

@@ -35,17 +35,9 @@
 
 #include "support/byte_reader.h"
 #include "support/guid.h"
+#include "templates/manifest_layout.h"
 
 namespace modsift {
-
-// Property flags of a TEMP entry.
-enum : uint32_t {
-  kPropStruct = 0x1,
-  kPropFixedLength = 0x2,
-  kPropVarLength = 0x4,
-  kPropFixedCount = 0x8,
-  kPropVarCount = 0x10,
-};
 
 struct wevt_event {
   uint16_t id = 0;
@@ -82,23 +74,13 @@ struct crim_blob {
 // part is dropped.
 bool read_crim(qv::byte_span blob, crim_blob& out, std::string& reason);
 
-struct temp_property {
-  uint32_t flags = 0;
-  uint8_t in_type = 0;
-  uint8_t out_type = 0;
-  uint16_t first_member = 0;  // structures: the same bytes as the two types
-  uint16_t member_count = 0;
-  uint16_t count = 0;
-  uint16_t length = 0;
-  std::string name;
-};
-
-struct temp_block {
+// A TEMP block: its property table (flags, in-type and out-type or first
+// member and member count, count and length as the table holds them, name)
+// and where it lies.
+struct temp_block : manifest_template {
   uint32_t offset = 0;
   uint32_t size = 0;
-  uint32_t param_count = 0;
   qv::byte_span binxml;
-  std::vector<temp_property> properties;
 };
 
 // Reads the TEMP at `offset`. The block, its property table and the names

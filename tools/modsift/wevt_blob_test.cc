@@ -77,24 +77,24 @@ TEST(WevtBlob, LargeManifest) {
   ASSERT_TRUE(read_temp(span_of(blob), last->template_offset, t, reason)) << reason;
   EXPECT_EQ(t.param_count, 8u);
   ASSERT_EQ(t.properties.size(), 44u);
-  const temp_property& s1 = t.properties[0];  // Struct1: Field1..Field23
+  const manifest_property& s1 = t.properties[0];  // Struct1: Field1..Field23
   EXPECT_EQ(s1.name, "Struct1");
-  EXPECT_EQ(s1.flags, kPropStruct);
+  EXPECT_EQ(s1.flags, property_struct);
   EXPECT_EQ(s1.first_member, 8);
   EXPECT_EQ(s1.member_count, 23);
   EXPECT_EQ(t.properties[8].name, "Field1");
   EXPECT_EQ(t.properties[8].in_type, 4);  // UInt8
-  const temp_property& f16 = t.properties[8 + 15];  // Field16: Binary, length 3
+  const manifest_property& f16 = t.properties[8 + 15];  // Field16: Binary, length 3
   EXPECT_EQ(f16.name, "Field16");
   EXPECT_EQ(f16.in_type, 14);
-  EXPECT_EQ(f16.flags, kPropFixedLength);
+  EXPECT_EQ(f16.flags, property_fixed_length);
   EXPECT_EQ(f16.length, 3);
-  const temp_property& s5 = t.properties[4];  // <struct name="Struct5" count="3">
-  EXPECT_EQ(s5.flags, kPropStruct | kPropFixedCount);
+  const manifest_property& s5 = t.properties[4];  // <struct name="Struct5" count="3">
+  EXPECT_EQ(s5.flags, property_struct | property_fixed_count);
   EXPECT_EQ(s5.count, 3);
-  const temp_property& s8 = t.properties[7];  // <struct name="Struct8" count="Field6">
+  const manifest_property& s8 = t.properties[7];  // <struct name="Struct8" count="Field6">
   EXPECT_EQ(s8.name, "Struct8");
-  EXPECT_EQ(s8.flags, kPropStruct | kPropVarCount);
+  EXPECT_EQ(s8.flags, property_struct | property_var_count);
   EXPECT_EQ(s8.count, 5);  // index of Field6
   EXPECT_EQ(s8.member_count, 4);
   // Binary XML starts with a fragment header token (0x0F, version 1.1).
