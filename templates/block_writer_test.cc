@@ -38,6 +38,7 @@ void expect_same_store(const template_store& a, const template_store& b) {
     ASSERT_EQ(ia->first, ib->first);
     EXPECT_EQ(ia->second.name, ib->second.name) << qv::guid_text(ia->first.data());
     EXPECT_TRUE(ia->second.events == ib->second.events) << qv::guid_text(ia->first.data());
+    EXPECT_TRUE(ia->second.versioned == ib->second.versioned) << qv::guid_text(ia->first.data());
   }
   EXPECT_EQ(a.group_guids, b.group_guids);
 }
@@ -141,9 +142,9 @@ TEST(BlockWriter, TablesAndOrder) {
   EXPECT_EQ(back.records[0].provider_index, 1);
   EXPECT_EQ(back.records[1].provider_index, 2);
   EXPECT_EQ(back.records[2].ids, std::vector<uint16_t>{801});
-  EXPECT_EQ(back.records[2].name_indices, (std::vector<uint16_t>{2, 1, 3}));
+  EXPECT_EQ(back.records[2].name_indices, (std::vector<uint32_t>{2, 1, 3}));
   EXPECT_EQ(back.records[2].provider_index, 1);
-  EXPECT_EQ(back.records[3].name_indices, (std::vector<uint16_t>{3, 4}));
+  EXPECT_EQ(back.records[3].name_indices, (std::vector<uint32_t>{3, 4}));
   EXPECT_EQ(back.records[3].provider_index, 0);
 }
 

@@ -11,6 +11,7 @@ namespace {
 
 using bytes = std::vector<uint8_t>;
 using ids = std::vector<uint16_t>;
+using name_ids = std::vector<uint32_t>;
 using texts = std::vector<std::string>;
 
 // 3d6fa8d0-fe05-11d0-9dda-00c04fd7ba7c, the classic process class.
@@ -94,7 +95,7 @@ TEST(TemplateBlock, WorkedRecordAndDeclaration) {
   EXPECT_EQ(r.range_hi, 0);
   EXPECT_EQ(r.ids, ids{0x030B});
   EXPECT_EQ(r.words, (ids{0x8001, 8}));
-  EXPECT_EQ(r.name_indices, (ids{6139, 159}));
+  EXPECT_EQ(r.name_indices, (name_ids{6139, 159}));
   EXPECT_TRUE(r.layout_text.empty());
   EXPECT_FALSE(r.percent_form);
 
@@ -365,6 +366,8 @@ TEST(TemplateBlock, LoadOrderTextFileFirst) {
   template_store store;
   load_templates(store, block, text.path);
   EXPECT_EQ(provider_name_of(store, g), "From-The-File");
+  // The block's records of a provider are linked when it is first looked up.
+  unpack_provider(store, g);
   const build_map& b14 = store.providers.at(g).events.at(14);
   ASSERT_EQ(b14.size(), 2u);
   EXPECT_EQ(b14.begin()->first, 0);
