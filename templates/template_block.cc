@@ -311,6 +311,8 @@ bool link_templates(const template_source& source, template_store& store, bool k
   size_t id_budget = max_linked_event_ids;
   for (const template_record& record : source.records) {
     provider_entry& entry = store.providers[record.guid];
+    // Block records that wait came first: they are linked ahead of these.
+    if (!entry.pending.empty()) link_pending_records(store, entry);
     if (entry.name.empty()) {
       auto n = source.name_of_guid.find(record.guid);
       if (n != source.name_of_guid.end() && n->second < source.provider_names.size())
@@ -331,6 +333,9 @@ bool index_template_block(template_store& store, std::vector<uint8_t>&& bytes) {
   size_t taken = read_string_table(provider_names, bytes.data() + pos, size - pos);
   if (taken == 0) return false;
   pos += taken;
+  // The records of a block indexed before are linked now: they came first,
+  // and their places are in the bytes that this block replaces.
+  unpack_all_providers(store);
 
   // What the walk learns of each GUID: its entry, and the first provider
   // index that a record of it gives (the block's name for it).

@@ -126,7 +126,8 @@ bool parse_template_block(template_source& source, const std::vector<uint8_t>& b
 bool parse_template_block(template_source& source, const uint8_t* bytes, size_t size);
 
 // Merges a source into the store; `keep` false clears the store first. False
-// when the source has no records.
+// when the source has no records. A provider's block records that still wait
+// are linked ahead of the source's.
 bool link_templates(const template_source& source, template_store& store, bool keep);
 
 // Takes a whole block into the store without unpacking its layouts: the
@@ -135,8 +136,9 @@ bool link_templates(const template_source& source, template_store& store, bool k
 // the block's name for it where it has none yet, and each provider keeps the
 // places of its records, which link_pending_records links on first use. The
 // store then answers exactly as after parse_template_block and link_templates
-// with `keep` true. False, with the store unchanged, when the block is too
-// short or a name table can't be read.
+// with `keep` true. Records of a block indexed before are linked first.
+// False, with the store unchanged, when the block is too short or a name
+// table can't be read.
 bool index_template_block(template_store& store, std::vector<uint8_t>&& bytes);
 
 // Links the block records that wait in `entry` (an entry of `store`), in

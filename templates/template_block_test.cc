@@ -621,6 +621,34 @@ TEST(TemplateBlockVersions, LazyLinkAnswersAsTheEagerLink) {
   EXPECT_EQ(fresh.templates.size(), 4u);  // P2's four layouts
 }
 
+TEST(TemplateBlockVersions, SourcesLinkedAfterABlockComeBehindIt) {
+  // Whatever is linked into a store after a block was indexed comes behind
+  // the block's records, as it would behind an eager link of them: a source
+  // of text, and a second block.
+  const bytes block = block_of(kBlockLines);
+  const bytes second = block_of({line(kP1, "$5, V2, LSecond, 8"), line(kP3, "$4, LSecond, 8")});
+  template_source text = source_of({line(kP1, "$5, V2, LLater, 7"), line(kP2, "$9, LLater, 7")});
+
+  template_store eager;
+  template_source parsed;
+  ASSERT_TRUE(parse_template_block(parsed, block));
+  link_templates(parsed, eager, false);
+  link_templates(text, eager, true);
+  ASSERT_TRUE(parse_template_block(parsed, second));
+  link_templates(parsed, eager, true);
+
+  template_store lazy;
+  bytes copy = block;
+  ASSERT_TRUE(index_template_block(lazy, std::move(copy)));
+  link_templates(text, lazy, true);
+  copy = second;
+  ASSERT_TRUE(index_template_block(lazy, std::move(copy)));
+  EXPECT_EQ(find_event_template(lazy, guid_of(kP1), 5, 2)->layout_text, "B_Size8B_Name1");
+  EXPECT_EQ(find_event_template(lazy, guid_of(kP2), 9, 2)->layout_text, "Later7");
+  EXPECT_EQ(find_event_template(lazy, guid_of(kP3), 4, 2)->layout_text, "Second8");
+  expect_same_answers(eager, lazy);
+}
+
 // A small block of every record shape: a declaration, versions, builds, a
 // range, and a record whose name indices are u32.
 bytes shapes_block() {
