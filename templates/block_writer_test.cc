@@ -226,7 +226,10 @@ TEST(BlockWriter, VersionsRoundTrip) {
   // block, lists longer than a byte are cut with their version kept, and a
   // line without a version stays without one.
   std::string many;
-  for (int id = 1000; id < 1300; ++id) many += ";" + std::to_string(id);
+  for (int id = 1000; id < 1300; ++id) {
+    many += ';';
+    many += std::to_string(id);
+  }
   const texts lines = {
       "#{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! Microsoft-Windows-WinHttp",
       "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $801, V2, LLength, 6, LName, 0xa101",

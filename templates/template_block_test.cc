@@ -460,7 +460,9 @@ std::string answers(template_store& store, const std::vector<qv::guid16>& guids,
   for (const qv::guid16& g : guids) {
     out += qv::guid_text(g.data()) + " " + provider_name_of(store, g) + "\n";
     for (uint16_t id : event_ids) {
-      out += " " + std::to_string(id) + ":";
+      out += ' ';
+      out += std::to_string(id);
+      out += ':';
       for (int version : {-1, 0, 1, 2, 3, 5, 255}) {
         for (uint32_t build : {0u, 9200u, 9600u, 14393u, 20000u, 70000u}) {
           set_trace_build(store, build);
@@ -506,7 +508,13 @@ const char kP3[] = "a3000000-0000-4000-8000-000000000003";
 const char kP4[] = "a4000000-0000-4000-8000-000000000004";
 const char kProcessClass[] = "3d6fa8d0-fe05-11d0-9dda-00c04fd7ba7c";
 
-std::string line(const char* guid, const std::string& rest) { return "{" + std::string(guid) + "} ! " + rest; }
+std::string line(const char* guid, const std::string& rest) {
+  std::string text = "{";
+  text += guid;
+  text += "} ! ";
+  text += rest;
+  return text;
+}
 
 // The block of the mixed store: versions newest first, builds, a range,
 // layouts shared between providers, a provider that is only declared, and a
