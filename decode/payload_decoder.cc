@@ -748,15 +748,16 @@ int32_t walk_template(const event_template& tmpl, decoded_fields& fields, const 
 }
 
 bool decode_payload(decoded_fields& fields, uint64_t payload_file_offset,
-                    const qv::guid16* provider_id, uint16_t event_id, const uint8_t* payload,
-                    uint32_t payload_size, const uint8_t* buffer_end, const template_store* store,
+                    const qv::guid16* provider_id, uint16_t event_id, int version,
+                    const uint8_t* payload, uint32_t payload_size, const uint8_t* buffer_end,
+                    template_store* store,
                     bool pointers_are_64, bool keep_fields, bool& guessed) {
   if (!keep_fields) fields.clear();
   guessed = false;
   int64_t consumed = 0;
   bool decoded = false;
   if (payload && payload_size != 0 && store && provider_id) {
-    const event_template* t = find_event_template(*store, *provider_id, event_id);
+    const event_template* t = find_event_template(*store, *provider_id, event_id, version);
     if (t && !t->words.empty() && t->words.size() == t->names.size()) {
       consumed = walk_template(*t, fields, payload, payload_size, buffer_end, payload_file_offset,
                                pointers_are_64);

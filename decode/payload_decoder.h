@@ -29,11 +29,14 @@
 #include "templates/template_store.h"
 
 // Returns true when anything was decoded. `provider_id` and `store` may be
-// null. Unless `keep_fields`, `fields` is cleared first. `guessed` is set when
+// null. `version` is the event version the record carries, -1 for none: the
+// layouts declared for it are tried first. The store links a provider's
+// embedded layouts on its first lookup, hence not const. Unless `keep_fields`, `fields` is cleared first. `guessed` is set when
 // the guessing engine ran, cleared otherwise.
 bool decode_payload(decoded_fields& fields, uint64_t payload_file_offset,
-                    const qv::guid16* provider_id, uint16_t event_id, const uint8_t* payload,
-                    uint32_t payload_size, const uint8_t* buffer_end, const template_store* store,
+                    const qv::guid16* provider_id, uint16_t event_id, int version,
+                    const uint8_t* payload, uint32_t payload_size, const uint8_t* buffer_end,
+                    template_store* store,
                     bool pointers_are_64, bool keep_fields, bool& guessed);
 
 // Walks one template over `size` bytes at `payload`; `base` is the file

@@ -210,7 +210,7 @@ TEST(WalkTemplate, FixedWidthReadsStopAtBufferEnd) {
   store.providers[guid].events[7][0] = tmpl.digest;
   bool guessed = true;
   fields.clear();
-  EXPECT_TRUE(decode_payload(fields, kBase, &guid, 7, tight.get(), 2, tight.get() + 2, &store,
+  EXPECT_TRUE(decode_payload(fields, kBase, &guid, 7, -1, tight.get(), 2, tight.get() + 2, &store,
                              false, false, guessed));
   EXPECT_FALSE(guessed);
   EXPECT_EQ(render(fields), "\"01-D\":\"0x00000201\"");
@@ -449,7 +449,7 @@ TEST_F(DecodePayload, TemplateThenGuess) {
   const std::vector<uint8_t> payload = {1, 0, 0, 0, 2, 0, 0, 0, 3, 0};
   decoded_fields fields;
   bool guessed = false;
-  EXPECT_TRUE(decode_payload(fields, kBase, &guid_, 7, payload.data(), 10, payload.data() + 10,
+  EXPECT_TRUE(decode_payload(fields, kBase, &guid_, 7, -1, payload.data(), 10, payload.data() + 10,
                              &store_, false, false, guessed));
   EXPECT_TRUE(guessed);
   EXPECT_EQ(render(fields),
@@ -458,7 +458,7 @@ TEST_F(DecodePayload, TemplateThenGuess) {
 
   // Three bytes left over are dropped unseen.
   fields.clear();
-  EXPECT_TRUE(decode_payload(fields, kBase, &guid_, 7, payload.data(), 7, payload.data() + 7,
+  EXPECT_TRUE(decode_payload(fields, kBase, &guid_, 7, -1, payload.data(), 7, payload.data() + 7,
                              &store_, false, false, guessed));
   EXPECT_FALSE(guessed);
   EXPECT_EQ(render(fields), "\"01-A\":\"0x00000001\"");
@@ -469,12 +469,12 @@ TEST_F(DecodePayload, NoTemplate) {
   decoded_fields fields;
   bool guessed = true;
   // Three bytes and no template: nothing at all.
-  EXPECT_FALSE(decode_payload(fields, kBase, &guid_, 8, payload.data(), 3, payload.data() + 3,
+  EXPECT_FALSE(decode_payload(fields, kBase, &guid_, 8, -1, payload.data(), 3, payload.data() + 3,
                               &store_, false, false, guessed));
   EXPECT_FALSE(guessed);
   EXPECT_TRUE(fields.empty());
   // No provider: the guesser takes all.
-  EXPECT_TRUE(decode_payload(fields, kBase, nullptr, 7, payload.data(), 5, payload.data() + 5,
+  EXPECT_TRUE(decode_payload(fields, kBase, nullptr, 7, -1, payload.data(), 5, payload.data() + 5,
                              &store_, false, false, guessed));
   EXPECT_TRUE(guessed);
   EXPECT_EQ(render(fields), "\"01-guess_uint32\":\"0x04030201\";\"02-guess_byte\":\"0x05\"");
@@ -482,16 +482,16 @@ TEST_F(DecodePayload, NoTemplate) {
   // keep_fields leaves what is there (extended items); otherwise it goes.
   fields.clear();
   fields.add(5)->text = "ext";
-  decode_payload(fields, kBase, &guid_, 7, payload.data(), 4, payload.data() + 4, &store_, false,
+  decode_payload(fields, kBase, &guid_, 7, -1, payload.data(), 4, payload.data() + 4, &store_, false,
                  true, guessed);
   EXPECT_EQ(render(fields), "\"01\":\"ext\";\"02-A\":\"0x04030201\"");
-  decode_payload(fields, kBase, &guid_, 7, payload.data(), 4, payload.data() + 4, &store_, false,
+  decode_payload(fields, kBase, &guid_, 7, -1, payload.data(), 4, payload.data() + 4, &store_, false,
                  false, guessed);
   EXPECT_EQ(render(fields), "\"01-A\":\"0x04030201\"");
 
   // A template whose names don't match its words isn't used.
   store_.templates[0].names.push_back("Extra");
-  EXPECT_TRUE(decode_payload(fields, kBase, &guid_, 7, payload.data(), 4, payload.data() + 4,
+  EXPECT_TRUE(decode_payload(fields, kBase, &guid_, 7, -1, payload.data(), 4, payload.data() + 4,
                              &store_, false, false, guessed));
   EXPECT_TRUE(guessed);
   EXPECT_EQ(render(fields), "\"01-guess_uint32\":\"0x04030201\"");

@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       store.by_digest[tmpl.digest] = 0;
       store.providers[guid].events[1][0] = tmpl.digest;
       bool guessed = false;
-      decode_payload(fields, base, &guid, 1, rest, uint32_t(payload_size), end, &store,
+      decode_payload(fields, base, &guid, 1, -1, rest, uint32_t(payload_size), end, &store,
                      pointers_are_64, false, guessed);
       render(fields);
       break;

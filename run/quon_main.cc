@@ -5,6 +5,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "report/event_row.h"
@@ -143,7 +144,7 @@ void load_template_store(quon_user_opts& opts) {
   std::vector<uint8_t> block;
   uint32_t offset = 0, length = 0;
   if (embedded_block_location(offset, length)) read_embedded_block(block, offset, length);
-  load_templates(opts.engine.store, block, opts.templates_given ? opts.templates_path : std::string());
+  load_templates(opts.engine.store, std::move(block), opts.templates_given ? opts.templates_path : std::string());
   opts.engine.no_guessing = opts.no_guessing;
 }
 

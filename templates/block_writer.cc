@@ -4,11 +4,19 @@
 #include <map>
 #include <set>
 
+#include "templates/template_block.h"
+
 
 namespace {
 
 constexpr size_t max_list = 255;          // counts in a record are single bytes
 constexpr uint32_t max_counted = 0x7FFF;  // largest counted number
+// Most field names in a block: their table count is a u32 and name indices
+// may be u32, but no database comes near this.
+constexpr uint32_t max_field_names = 0x00FFFFFF;
+// Most provider names: provider indices are u16 and the table count stays a
+// counted number.
+constexpr uint32_t max_provider_names = max_counted;
 
 void put_u16(std::vector<uint8_t>& out, uint16_t v) {
   out.push_back(uint8_t(v));
@@ -17,18 +25,19 @@ void put_u16(std::vector<uint8_t>& out, uint16_t v) {
 
 // A string table under construction: entries in order, each text once.
 struct name_table {
+  uint32_t limit = max_counted;
   std::vector<std::string> entries;
-  std::map<std::string, uint16_t> index;
+  std::map<std::string, uint32_t> index;
 
   // The entry's index, adding it when new; false when the table is full.
-  bool add(const std::string& text, uint16_t& at) {
+  bool add(const std::string& text, uint32_t& at) {
     auto found = index.find(text);
     if (found != index.end()) {
       at = found->second;
       return true;
     }
-    if (entries.size() >= max_counted) return false;
-    at = uint16_t(entries.size());
+    if (entries.size() >= limit) return false;
+    at = uint32_t(entries.size());
     entries.push_back(text);
     index.emplace(text, at);
     return true;
@@ -37,10 +46,7 @@ struct name_table {
 
 bool append_table(std::vector<uint8_t>& out, const std::vector<std::string>& entries,
                   const char* what, std::string& error) {
-  if (!append_counted_number(out, uint32_t(entries.size()))) {
-    error = std::string("too many entries in the ") + what + " table";
-    return false;
-  }
+  append_table_count(out, uint32_t(entries.size()));
   for (const std::string& text : entries) {
     if (!append_counted_number(out, uint32_t(std::min<size_t>(text.size(), max_counted + 1)))) {
       error = std::string("a name longer than 32767 bytes in the ") + what + " table: " +
@@ -72,19 +78,33 @@ bool append_counted_number(std::vector<uint8_t>& out, uint32_t value) {
   return true;
 }
 
+void append_table_count(std::vector<uint8_t>& out, uint32_t value) {
+  if (append_counted_number(out, value)) return;
+  // 80 00, the two-byte form of 0, announces a u32 count.
+  out.insert(out.end(), {0x80, 0x00, uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16),
+                         uint8_t(value >> 24)});
+}
+
 bool append_template_record(std::vector<uint8_t>& out, const template_record& r) {
   if (r.builds.size() > max_list || r.ids.size() > max_list || r.words.size() > max_list ||
       r.name_indices.size() != r.words.size())
     return false;
   const bool has_range = r.range_hi != 0;
-  const size_t size = 1 + 2 * r.builds.size() + 16 + 2 + 1 + (has_range ? 4 : 0) + 1 +
-                      2 * r.ids.size() + 1 + 4 * r.words.size();
-  put_u16(out, uint16_t(size));  // at most 2,071 bytes
+  const bool has_version = r.version >= 0 && r.version <= 0xFF;
+  bool wide_names = false;
+  for (uint32_t n : r.name_indices) wide_names = wide_names || n > 0xFFFF;
+  const size_t name_width = wide_names ? 4 : 2;
+  const size_t size = 1 + 2 * r.builds.size() + 16 + 2 + 1 + (has_version ? 1 : 0) +
+                      (has_range ? 4 : 0) + 1 + 2 * r.ids.size() + 1 +
+                      (2 + name_width) * r.words.size();
+  put_u16(out, uint16_t(size));  // at most 2,582 bytes
   out.push_back(uint8_t(r.builds.size()));
   for (uint16_t b : r.builds) put_u16(out, b);
   out.insert(out.end(), r.guid.begin(), r.guid.end());
   put_u16(out, r.provider_index);
-  out.push_back(has_range ? 1 : 0);
+  out.push_back(uint8_t((has_range ? 1 : 0) | (wide_names ? record_wide_names : 0) |
+                        (has_version ? record_has_version : 0)));
+  if (has_version) out.push_back(uint8_t(r.version));
   if (has_range) {
     put_u16(out, r.range_lo);
     put_u16(out, r.range_hi);
@@ -93,7 +113,10 @@ bool append_template_record(std::vector<uint8_t>& out, const template_record& r)
   for (uint16_t id : r.ids) put_u16(out, id);
   out.push_back(uint8_t(r.words.size()));
   for (uint16_t w : r.words) put_u16(out, w);
-  for (uint16_t n : r.name_indices) put_u16(out, n);
+  for (uint32_t n : r.name_indices) {
+    put_u16(out, uint16_t(n));
+    if (wide_names) put_u16(out, uint16_t(n >> 16));
+  }
   return true;
 }
 
@@ -105,6 +128,7 @@ bool write_template_block(const template_source& source, std::vector<uint8_t>& o
   // Provider names: "unk" stands at index 0 for "no name" and is never
   // shared with a provider that happens to carry that text.
   name_table providers;
+  providers.limit = max_provider_names;
   providers.entries.push_back("unk");
   auto provider_name = [&](const qv::guid16& guid, const std::string*& name) {
     auto n = source.name_of_guid.find(guid);
@@ -124,15 +148,15 @@ bool write_template_block(const template_source& source, std::vector<uint8_t>& o
   auto declare = [&](const qv::guid16& guid) -> bool {
     if (!declared.insert(guid).second) return true;
     const std::string* name = nullptr;
-    uint16_t index = 0;
+    uint32_t index = 0;
     if (provider_name(guid, name)) {
       if (!providers.add(*name, index)) {
         error = "too many provider names";
         return false;
       }
-      provider_index.emplace(guid, index);
+      provider_index.emplace(guid, uint16_t(index));
     }
-    declarations.push_back(declaration(guid, index));
+    declarations.push_back(declaration(guid, uint16_t(index)));
     return true;
   };
   const std::string* unused = nullptr;
@@ -145,8 +169,9 @@ bool write_template_block(const template_source& source, std::vector<uint8_t>& o
 
   // Field names in order of first use, after the two empty entries.
   name_table fields;
+  fields.limit = max_field_names;
   fields.entries = {"", ""};
-  fields.index.emplace("", uint16_t(1));
+  fields.index.emplace("", uint32_t(1));
   std::vector<template_record> templates;
   for (const template_record& r : source.records) {
     if (r.words.empty()) continue;
@@ -157,6 +182,7 @@ bool write_template_block(const template_source& source, std::vector<uint8_t>& o
     }
     template_record t;
     t.guid = r.guid;
+    t.version = r.version;
     auto p = provider_index.find(r.guid);
     t.provider_index = p == provider_index.end() ? 0 : p->second;
     t.words = r.words;

@@ -38,6 +38,7 @@ void expect_same_store(const template_store& a, const template_store& b) {
     ASSERT_EQ(ia->first, ib->first);
     EXPECT_EQ(ia->second.name, ib->second.name) << qv::guid_text(ia->first.data());
     EXPECT_TRUE(ia->second.events == ib->second.events) << qv::guid_text(ia->first.data());
+    EXPECT_TRUE(ia->second.versioned == ib->second.versioned) << qv::guid_text(ia->first.data());
   }
   EXPECT_EQ(a.group_guids, b.group_guids);
 }
@@ -141,9 +142,9 @@ TEST(BlockWriter, TablesAndOrder) {
   EXPECT_EQ(back.records[0].provider_index, 1);
   EXPECT_EQ(back.records[1].provider_index, 2);
   EXPECT_EQ(back.records[2].ids, std::vector<uint16_t>{801});
-  EXPECT_EQ(back.records[2].name_indices, (std::vector<uint16_t>{2, 1, 3}));
+  EXPECT_EQ(back.records[2].name_indices, (std::vector<uint32_t>{2, 1, 3}));
   EXPECT_EQ(back.records[2].provider_index, 1);
-  EXPECT_EQ(back.records[3].name_indices, (std::vector<uint16_t>{3, 4}));
+  EXPECT_EQ(back.records[3].name_indices, (std::vector<uint32_t>{3, 4}));
   EXPECT_EQ(back.records[3].provider_index, 0);
 }
 
@@ -194,6 +195,114 @@ TEST(BlockWriter, RoundTripGivesTheSameStore) {
   EXPECT_EQ(via_block.providers.at(usb).events.size(), 4u + 401u + 1u);
   EXPECT_GT(parsed.records.size(), text.records.size());
 
+}
+
+TEST(BlockWriter, VersionsRoundTrip) {
+  // The worked record with version 3 and a range: flags 0x81, the version
+  // byte, then the range.
+  template_record r;
+  r.guid = process;
+  r.version = 3;
+  r.range_lo = 10;
+  r.range_hi = 12;
+  r.ids = {0x030B};
+  r.words = {0x8001, 8};
+  r.name_indices = {6139, 159};
+  bytes out;
+  ASSERT_TRUE(append_template_record(out, r));
+  bytes expected = {0x25, 0x00, 0x00};
+  expected.insert(expected.end(), process.begin(), process.end());
+  expected.insert(expected.end(), {0x00, 0x00, 0x81, 0x03, 0x0a, 0x00, 0x0c, 0x00, 0x01, 0x0b, 0x03, 0x02,
+                                   0x01, 0x80, 0x08, 0x00, 0xfb, 0x17, 0x9f, 0x00});
+  EXPECT_EQ(out, expected);
+  template_record back;
+  ASSERT_EQ(unpack_template_record(back, out.data(), out.size()), out.size());
+  EXPECT_EQ(back.version, 3);
+  EXPECT_EQ(back.range_hi, 12);
+  EXPECT_EQ(back.ids, std::vector<uint16_t>{0x030B});
+  EXPECT_EQ(back.name_indices, (std::vector<uint32_t>{6139, 159}));
+
+  // Lines that differ only in version or builds stay apart through the
+  // block, lists longer than a byte are cut with their version kept, and a
+  // line without a version stays without one.
+  std::string many;
+  for (int id = 1000; id < 1300; ++id) {
+    many += ';';
+    many += std::to_string(id);
+  }
+  const texts lines = {
+      "#{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! Microsoft-Windows-WinHttp",
+      "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $801, V2, LLength, 6, LName, 0xa101",
+      "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $801, V1, LLength, 6, LName, 0xa101",
+      "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $801, V1, #9600, LLength, 6, LName, 0xa101",
+      "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $801, LLength, 6",
+      "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $1-2" + many + ", V255, LWide, 8",
+      "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $3, V0, LWide, 8",
+  };
+  template_source text = source_of(lines);
+  template_store direct;
+  ASSERT_TRUE(link_templates(text, direct, false));
+  bytes block;
+  std::string error;
+  ASSERT_TRUE(write_template_block(text, block, error)) << error;
+  template_source parsed;
+  ASSERT_TRUE(parse_template_block(parsed, block));
+  std::vector<int> versions;
+  for (const template_record& p : parsed.records) versions.push_back(p.version);
+  EXPECT_EQ(versions, (std::vector<int>{-1, 2, 1, 1, -1, 255, 255, 0}));
+  template_store via_block;
+  ASSERT_TRUE(link_templates(parsed, via_block, false));
+  expect_same_store(direct, via_block);
+  const provider_entry& e = via_block.providers.begin()->second;
+  ASSERT_EQ(e.versioned.at(801).size(), 2u);
+  EXPECT_EQ(e.versioned.at(801).at(1).size(), 2u);  // builds 0 and 9600
+  EXPECT_EQ(e.events.at(801).size(), 1u);
+  EXPECT_EQ(e.versioned.at(1299).count(255), 1u);
+}
+
+TEST(BlockWriter, MoreThan32767FieldNames) {
+  // Table counts above 0x7FFF are 80 00 and a u32; name indices above
+  // 0xFFFF make a record's names u32 (flag 0x40); smaller ones stay u16.
+  bytes out;
+  append_table_count(out, 5);
+  append_table_count(out, 0x7FFF);
+  append_table_count(out, 0x12345);
+  EXPECT_EQ(out, (bytes{0x05, 0xFF, 0xFF, 0x80, 0x00, 0x45, 0x23, 0x01, 0x00}));
+  uint32_t v = 0;
+  EXPECT_EQ(read_table_count(v, out.data() + 3, 6), 6u);
+  EXPECT_EQ(v, 0x12345u);
+  EXPECT_EQ(read_table_count(v, out.data() + 3, 5), 0u);  // cut short
+  EXPECT_EQ(read_table_count(v, out.data() + 1, 2), 2u);
+  EXPECT_EQ(v, 0x7FFFu);
+
+  texts lines;
+  for (int i = 0; i < 70000; i += 4) {
+    std::string l = "{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $" + std::to_string(i / 4) + ", V1";
+    for (int f = i; f < i + 4; ++f) l += ", LField_" + std::to_string(f) + ", 8";
+    lines.push_back(l);
+  }
+  lines.push_back("{7d44233d-3055-4b9c-ba64-0d47ca40a232} ! $60000, LField_3, 8, LField_69999, 6");
+  template_source text = source_of(lines);
+  template_store direct;
+  ASSERT_TRUE(link_templates(text, direct, false));
+  bytes block;
+  std::string error;
+  ASSERT_TRUE(write_template_block(text, block, error)) << error;
+  EXPECT_EQ(bytes(block.begin(), block.begin() + 6), (bytes{0x80, 0x00, 0x72, 0x11, 0x01, 0x00}));  // 70,002
+  template_source parsed;
+  ASSERT_TRUE(parse_template_block(parsed, block));
+  ASSERT_EQ(parsed.field_names.size(), 70002u);
+  EXPECT_EQ(parsed.field_names[70001], "Field_69999");
+  EXPECT_EQ(parsed.records.back().name_indices, (std::vector<uint32_t>{5, 70001}));
+  EXPECT_EQ(parsed.records.back().names, (texts{"Field_3", "Field_69999"}));
+  template_store via_block;
+  ASSERT_TRUE(link_templates(parsed, via_block, false));
+  expect_same_store(direct, via_block);
+  template_store lazy;
+  load_templates(lazy, block, "");
+  const event_template* t = find_event_template(lazy, text.records[0].guid, 60000);
+  ASSERT_NE(t, nullptr);
+  EXPECT_EQ(t->layout_text, "Field_38Field_699996");
 }
 
 TEST(BlockWriter, SourcesThatDontFit) {
@@ -390,6 +499,83 @@ TEST(EmbeddedBlock, StartUpCost) {
               block.size(), store.templates.size(), best_ms);
   // A generous bound that catches a slip into quadratic work even in
   // sanitizer builds; the target for an optimized build is under 20 ms.
+  EXPECT_LT(best_ms, 1000.0);
+}
+
+// A block of the size the database is growing to: 40,000 layouts of 1,000
+// providers, versions 0 to 5, 120,000 field names. Start-up reads it and
+// indexes it; a provider's layouts are linked on its first lookup.
+TEST(EmbeddedBlock, StartUpCostOfTheWholeDatabase) {
+  uint32_t seed = 4242;
+  auto next = [&seed](uint32_t n) {
+    seed = seed * 1664525u + 1013904223u;
+    return (seed >> 8) % n;
+  };
+  const uint16_t common_words[] = {8, 1, 16, 10, 6, 15, 7, 4, 19, 2, 13, 17};
+  template_source s;
+  reset(s);
+  auto guid_of = [](uint32_t n) {
+    qv::guid16 g{};
+    for (int i = 0; i < 4; ++i) g[i] = uint8_t(n >> (8 * i));
+    g[15] = 0xA5;
+    return g;
+  };
+  for (uint32_t p = 1; p <= 1100; ++p) {
+    template_record d;
+    d.guid = guid_of(p);
+    d.provider_index = uint16_t(s.provider_names.size());
+    s.name_of_guid[d.guid] = d.provider_index;
+    s.provider_names.push_back("Microsoft-Windows-Provider-" + std::to_string(p));
+    s.records.push_back(d);
+  }
+  uint32_t name = 0;
+  for (uint32_t t = 0; t < 40000; ++t) {
+    template_record r;
+    r.guid = guid_of(1 + t / 40);
+    r.ids = {uint16_t(t % 40 / 3)};
+    r.version = int16_t(5 - t % 3);
+    size_t fields = 3 + next(7);
+    for (size_t f = 0; f < fields; ++f) {
+      r.words.push_back(common_words[next(12)]);
+      r.names.push_back("Field_" + std::to_string(name < 120000 ? name++ : next(120000)));
+    }
+    s.records.push_back(r);
+  }
+  bytes block;
+  std::string error;
+  ASSERT_TRUE(write_template_block(s, block, error)) << error;
+
+  char path[] = "/tmp/quon_bench_XXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(write(fd, block.data(), block.size()), ssize_t(block.size()));
+  close(fd);
+
+  double best_ms = 1e9, first_lookup_ms = 1e9;
+  template_store store;
+  for (int run = 0; run < 5; ++run) {
+    auto start = std::chrono::steady_clock::now();
+    uni::fileio file;
+    ASSERT_TRUE(file.open(std::string(path), false, false, false));
+    bytes read;
+    ASSERT_TRUE(file.read_block(read, file.file_size(), 0));
+    load_templates(store, std::move(read), "");
+    auto indexed = std::chrono::steady_clock::now();
+    best_ms = std::min(best_ms, std::chrono::duration<double, std::milli>(indexed - start).count());
+    ASSERT_NE(find_event_template(store, guid_of(500), 1, 4), nullptr);
+    first_lookup_ms = std::min(
+        first_lookup_ms,
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - indexed).count());
+  }
+  unlink(path);
+  EXPECT_EQ(provider_name_of(store, guid_of(1100)), "Microsoft-Windows-Provider-1100");
+  EXPECT_EQ(store.templates.size(), 40u);  // one provider linked
+  unpack_all_providers(store);
+  std::printf("[ measure  ] block of %zu bytes, %zu layouts: read + index %.2f ms, "
+              "first lookup of a provider %.3f ms\n",
+              block.size(), store.templates.size(), best_ms, first_lookup_ms);
+  // A generous bound that catches a slip into unpacking at start even in
+  // sanitizer builds; the target for an optimized build is a few ms.
   EXPECT_LT(best_ms, 1000.0);
 }
 

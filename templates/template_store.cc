@@ -3,6 +3,8 @@
 #include <charconv>
 #include <new>
 
+#include "templates/template_block.h"
+
 void reset(template_source& source) {
   source.records.clear();
   source.by_key.clear();
@@ -49,25 +51,161 @@ template_digest digest_of(const std::string& text) {
   return d;
 }
 
-const event_template* find_event_template(const template_store& store, const qv::guid16& guid,
-                                          uint16_t event_id) {
-  auto p = store.providers.find(guid);
-  if (p == store.providers.end()) return nullptr;
-  auto e = p->second.events.find(event_id);
-  if (e == p->second.events.end() || e->second.empty()) return nullptr;
-  const build_map& builds = e->second;
+namespace {
 
-  // The oldest layout that is not older than the trace's build; failing
-  // that (or with no build known) the newest. Key 0 (no build given) is
-  // therefore chosen only when no build-specific layout exists.
-  auto chosen = builds.end();
-  if (store.trace_build != 0 && store.trace_build <= 0xFFFF)
-    chosen = builds.lower_bound(uint16_t(store.trace_build));
-  if (chosen == builds.end()) chosen = std::prev(builds.end());
-
-  auto d = store.by_digest.find(chosen->second);
+// The layout that a digest names, or nullptr.
+const event_template* template_of(const template_store& store, const template_digest& digest) {
+  auto d = store.by_digest.find(digest);
   if (d == store.by_digest.end() || d->second >= store.templates.size()) return nullptr;
   return &store.templates[d->second];
+}
+
+// The trace's build as a key, or 0 when unknown or beyond 16 bits: then only
+// the highest build answers.
+uint16_t build_key(const template_store& store) {
+  return store.trace_build <= 0xFFFF ? uint16_t(store.trace_build) : 0;
+}
+
+// The oldest layout that is not older than the trace's build; failing that
+// (or with no build known) the newest. Key 0 (no build given) is therefore
+// chosen only when no build-specific layout exists.
+const template_digest* choose_by_build(const build_map& builds, uint16_t build) {
+  if (builds.empty()) return nullptr;
+  auto chosen = builds.end();
+  if (build != 0) chosen = builds.lower_bound(build);
+  if (chosen == builds.end()) chosen = std::prev(builds.end());
+  return &chosen->second;
+}
+
+// The same choice over every layout of an identifier, for every version and
+// for single versions alike. Where several stand at the chosen build, the
+// layout for every version wins, else that of the highest version.
+const template_digest* choose_among_all(const build_map* any, const version_map* versions,
+                                        uint16_t build) {
+  bool found = false;
+  uint16_t key = 0;
+  auto consider = [&](const build_map& builds) {
+    if (builds.empty()) return;
+    auto at = build != 0 ? builds.lower_bound(build) : builds.end();
+    if (at != builds.end() && (!found || at->first < key)) {
+      key = at->first;
+      found = true;
+    }
+  };
+  if (any) consider(*any);
+  if (versions)
+    for (const auto& v : *versions) consider(v.second);
+  if (!found) {  // nothing at or above the trace's build: the highest build
+    if (any && !any->empty()) {
+      key = any->rbegin()->first;
+      found = true;
+    }
+    if (versions) {
+      for (const auto& v : *versions) {
+        if (v.second.empty()) continue;
+        if (!found || v.second.rbegin()->first > key) key = v.second.rbegin()->first;
+        found = true;
+      }
+    }
+  }
+  if (!found) return nullptr;
+  if (any) {
+    auto at = any->find(key);
+    if (at != any->end()) return &at->second;
+  }
+  if (versions) {
+    for (auto v = versions->rbegin(); v != versions->rend(); ++v) {
+      auto at = v->second.find(key);
+      if (at != v->second.end()) return &at->second;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+const event_template* find_event_template(template_store& store, const qv::guid16& guid,
+                                          uint16_t event_id, int version) {
+  auto p = store.providers.find(guid);
+  if (p == store.providers.end()) return nullptr;
+  provider_entry& entry = p->second;
+  if (!entry.pending.empty()) link_pending_records(store, entry);
+  const uint16_t build = build_key(store);
+
+  auto versioned = entry.versioned.find(event_id);
+  const version_map* versions = versioned == entry.versioned.end() ? nullptr : &versioned->second;
+  // The record's own version first, when some layout was declared for it.
+  if (versions && version >= 0 && version <= 0xFF) {
+    auto v = versions->find(uint8_t(version));
+    if (v != versions->end() && !v->second.empty()) {
+      const template_digest* d = choose_by_build(v->second, build);
+      return d ? template_of(store, *d) : nullptr;
+    }
+  }
+  auto e = entry.events.find(event_id);
+  const build_map* any = e == entry.events.end() ? nullptr : &e->second;
+  const template_digest* d =
+      versions ? choose_among_all(any, versions, build) : any ? choose_by_build(*any, build) : nullptr;
+  return d ? template_of(store, *d) : nullptr;
+}
+
+bool enter_layout(provider_entry& entry, uint16_t event_id, int version, uint16_t build,
+                  const template_digest& digest) {
+  if (version < 0) return entry.events[event_id].emplace(build, digest).second;
+  // A layout for every version at this build covers this version too.
+  auto any = entry.events.find(event_id);
+  if (any != entry.events.end() && any->second.count(build) != 0) return false;
+  return entry.versioned[event_id][uint8_t(version)].emplace(build, digest).second;
+}
+
+void link_template_record(template_store& store, provider_entry& entry,
+                          const template_record& record, size_t& id_budget, std::string& layout) {
+  // A provider declaration names the GUID and adds nothing more, whatever
+  // identifiers it carries.
+  if (record.words.empty()) return;
+
+  layout.clear();
+  append_layout_text(layout, record.words, record.names);
+  template_digest digest = digest_of(layout);
+  auto found = store.by_digest.find(digest);
+  bool append = found == store.by_digest.end();
+  if (!append && !(found->second < store.templates.size() &&
+                   store.templates[found->second].layout_text == layout)) {
+    // Two different layouts with one digest: this one moves to the next
+    // digest value. The hash makes this practically unreachable, so the
+    // moved digest isn't checked again.
+    ++digest[15];
+    append = true;
+  }
+  if (append) {
+    event_template t;
+    t.layout_text = layout;
+    t.digest = digest;
+    t.words = record.words;
+    t.names = record.names;
+    t.names.resize(t.words.size());
+    t.percent_form = record.percent_form;
+    uint32_t index = uint32_t(store.templates.size());
+    store.templates.push_back(std::move(t));
+    store.by_digest.emplace(digest, index);
+  }
+
+  // Every identifier gets the record's builds (or build 0, "all builds") at
+  // its version. A key already mapped keeps its layout: the first source,
+  // and the first record of a source, wins.
+  auto enter = [&](uint16_t id) {
+    if (id_budget == 0) return;
+    --id_budget;
+    if (record.builds.empty()) {
+      enter_layout(entry, id, record.version, 0, digest);
+    } else {
+      for (uint16_t b : record.builds) enter_layout(entry, id, record.version, b, digest);
+    }
+  };
+  if (record.range_hi != 0) {
+    for (uint32_t id = record.range_lo; id <= record.range_hi && id_budget; ++id) enter(uint16_t(id));
+  }
+  for (uint16_t id : record.ids) enter(id);
 }
 
 const std::string& provider_name_of(const template_store& store, const qv::guid16& guid) {
@@ -99,6 +237,10 @@ void clear(template_store& store) {
   store.providers.clear();
   store.group_guids.clear();
   store.trace_build = 0;
+  store.block.clear();
+  store.block.shrink_to_fit();
+  store.block_field_names.clear();
+  store.block_field_names.shrink_to_fit();
 }
 
 void set_trace_build(template_store& store, uint32_t build) { store.trace_build = build; }

@@ -9,11 +9,17 @@
 //
 // Providers map event identifiers to a `build_map`: Windows build number to
 // the digest of a layout. Layouts are stored once per distinct text, so equal
-// layouts of different providers share one template.
+// layouts of different providers share one template. A layout declared for
+// one event version sits in a second map, by identifier and version.
+//
+// The embedded block is kept whole in the store and indexed by provider: a
+// provider's block records are unpacked and linked when its layouts are first
+// asked for (templates/template_block.h).
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <string>
 #include <vector>
@@ -33,18 +39,41 @@ struct event_template {
 
 // Windows build -> digest; build 0 stands for "all builds".
 using build_map = std::map<uint16_t, template_digest>;
+// Event version -> the builds of the layouts declared for that version.
+using version_map = std::map<uint8_t, build_map>;
+
+// A record of the embedded block that waits to be linked: where it starts in
+// the block, and how many of its identifiers it may still enter (a link
+// enters at most max_linked_event_ids, counted in block order).
+struct block_record_ref {
+  uint32_t offset = 0;
+  uint32_t id_allowance = 0;
+};
 
 struct provider_entry {
-  std::map<uint16_t, build_map> events;
+  std::map<uint16_t, build_map> events;       // layouts for every version of an event
+  std::map<uint16_t, version_map> versioned;  // layouts declared for one event version
   std::string name;
+  std::vector<block_record_ref> pending;      // block records not linked yet, in block order
+};
+
+// A text in the block: `size` bytes at `offset`.
+struct block_text {
+  uint32_t offset = 0;
+  uint32_t size = 0;
 };
 
 struct template_store {
-  std::vector<event_template> templates;
+  // A deque, so that a template stays where it is while later links append.
+  std::deque<event_template> templates;
   std::map<template_digest, uint32_t> by_digest;
   std::map<qv::guid16, provider_entry> providers;
   std::map<uint16_t, qv::guid16> group_guids;  // hook id with low byte cleared -> GUID
   uint32_t trace_build = 0;
+  // The embedded block, kept whole while records of it wait to be linked,
+  // and its field name table as places in it.
+  std::vector<uint8_t> block;
+  std::vector<block_text> block_field_names;
 };
 
 // ---- Parse-time objects -----------------------------------------------------
@@ -66,7 +95,7 @@ struct template_record {
   std::vector<uint16_t> ids;     // further event identifiers
   std::vector<uint16_t> words;   // empty: a provider declaration only
   std::vector<std::string> names;
-  std::vector<uint16_t> name_indices;  // the same names as indices into field_names
+  std::vector<uint32_t> name_indices;  // the same names as indices into field_names
   std::string line_text;         // text line only: the whole line
   bool percent_form = false;
 };
@@ -96,10 +125,30 @@ void build_layout(event_template& t);
 // The 128-bit hash used for digests and text-line keys.
 template_digest digest_of(const std::string& text);
 
-// The layout for a provider and event id under the store's trace build, or
-// nullptr. Three ordered-map searches, no allocation.
-const event_template* find_event_template(const template_store& store, const qv::guid16& guid,
-                                          uint16_t event_id);
+// The layout for a provider, event id and event version (-1: the record
+// carries none) under the store's trace build, or nullptr. Layouts declared
+// for that version come first, chosen by build; without any, the choice by
+// build runs over all layouts of the identifier, and where two stand at the
+// chosen build the one for every version wins, else the highest version.
+// The first lookup of a provider links its block records; after that a
+// lookup is a few ordered-map searches and allocates nothing. A returned
+// template stays valid while the store lives.
+const event_template* find_event_template(template_store& store, const qv::guid16& guid,
+                                          uint16_t event_id, int version = -1);
+
+// Enters a layout for an identifier at (version, build) unless one stands
+// there already; an earlier layout for every version at that build also
+// covers every version. `version` -1: for every version. False when an
+// earlier layout covers the key.
+bool enter_layout(provider_entry& entry, uint16_t event_id, int version, uint16_t build,
+                  const template_digest& digest);
+
+// Links one template record into the store: its layout (shared with an equal
+// one already stored) under each of its identifiers, range first, spending
+// one of `id_budget` per identifier. Provider declarations add nothing.
+// `layout` is scratch text.
+void link_template_record(template_store& store, provider_entry& entry,
+                          const template_record& record, size_t& id_budget, std::string& layout);
 // The provider's name, or an empty text when unknown or unnamed.
 const std::string& provider_name_of(const template_store& store, const qv::guid16& guid);
 // The GUID of a classic event's group (event_id with its low byte cleared).

@@ -153,4 +153,111 @@ TEST(TemplateStore, GroupKeyClearsTheLowByte) {
   EXPECT_FALSE(group_guid_of(store, 0x0201, out));
 }
 
+// A store whose layouts are entered through the precedence rule, one word
+// per layout so that a lookup's answer is easy to name.
+struct versioned_store {
+  template_store store;
+  qv::guid16 g = guid_with(6);
+
+  // Enters a one-field layout of word `word` at (version, build) for `id`.
+  bool add(uint16_t id, int version, uint16_t build, uint16_t word) {
+    return enter_layout(store.providers[g], id, version, build, add_template(store, word));
+  }
+  // The word of the layout chosen for (id, version) under `trace_build`, or -1.
+  int word_for(uint16_t id, int version, uint32_t trace_build = 0) {
+    set_trace_build(store, trace_build);
+    const event_template* t = find_event_template(store, g, id, version);
+    return t ? t->words[0] : -1;
+  }
+};
+
+TEST(TemplateStoreVersions, TheRecordsOwnVersionFirst) {
+  versioned_store v;
+  v.add(10, 1, 0, 101);
+  v.add(10, 2, 0, 102);
+  EXPECT_EQ(v.word_for(10, 1), 101);
+  EXPECT_EQ(v.word_for(10, 2), 102);
+  // A version with no layout of its own: the choice runs over all, and at
+  // one build the highest version wins.
+  EXPECT_EQ(v.word_for(10, 0), 102);
+  EXPECT_EQ(v.word_for(10, 7), 102);
+  EXPECT_EQ(v.word_for(10, -1), 102);
+  EXPECT_EQ(v.word_for(10, 256), 102);  // not a version byte: none
+  EXPECT_EQ(v.word_for(11, 1), -1);     // unknown id
+  EXPECT_EQ(find_event_template(v.store, guid_with(7), 10, 1), nullptr);
+
+  // A layout for every version, entered after them, stands beside them and
+  // wins among all at its build; it doesn't hide the versions' own layouts.
+  EXPECT_TRUE(v.add(10, -1, 0, 100));
+  EXPECT_EQ(v.word_for(10, 1), 101);
+  EXPECT_EQ(v.word_for(10, 2), 102);
+  EXPECT_EQ(v.word_for(10, 3), 100);
+  EXPECT_EQ(v.word_for(10, -1), 100);
+}
+
+TEST(TemplateStoreVersions, BuildRulesWithinAVersion) {
+  versioned_store v;
+  v.add(20, 2, 9200, 29);
+  v.add(20, 2, 14393, 214);
+  v.add(20, 1, 0, 10);
+  v.add(20, -1, 10586, 99);  // any version, but builds don't mix with a version's own
+  // Version 2: the oldest of its layouts not older than the trace, else its newest.
+  EXPECT_EQ(v.word_for(20, 2, 9000), 29);
+  EXPECT_EQ(v.word_for(20, 2, 9600), 214);
+  EXPECT_EQ(v.word_for(20, 2, 10586), 214);
+  EXPECT_EQ(v.word_for(20, 2, 20000), 214);
+  EXPECT_EQ(v.word_for(20, 2, 0), 214);
+  // Version 1 has only a build-less layout: it serves every build.
+  for (uint32_t b : {0u, 9200u, 10586u, 70000u}) EXPECT_EQ(v.word_for(20, 1, b), 10) << b;
+  // No layout of version 5: the build rules over all four layouts.
+  EXPECT_EQ(v.word_for(20, 5, 9000), 29);
+  EXPECT_EQ(v.word_for(20, 5, 9600), 99);
+  EXPECT_EQ(v.word_for(20, 5, 12000), 214);
+  EXPECT_EQ(v.word_for(20, 5, 20000), 214);  // nothing newer: the highest build
+  EXPECT_EQ(v.word_for(20, -1, 0), 214);
+  // At a build that both a single version and all versions hold, the
+  // layout for all versions wins the choice among all.
+  v.add(20, -1, 14393, 98);
+  EXPECT_EQ(v.word_for(20, 5, 12000), 98);
+  EXPECT_EQ(v.word_for(20, 2, 12000), 214);
+}
+
+TEST(TemplateStoreVersions, AnEarlierLayoutForEveryVersionCoversItsBuild) {
+  versioned_store v;
+  EXPECT_TRUE(v.add(30, -1, 0, 1));
+  EXPECT_FALSE(v.add(30, 4, 0, 2));      // covered: not added
+  EXPECT_FALSE(v.add(30, -1, 0, 3));     // the same key: the first stays
+  EXPECT_TRUE(v.add(30, 4, 14393, 4));   // another build is added beside
+  EXPECT_FALSE(v.add(30, 5, 0, 5));
+  EXPECT_EQ(v.word_for(30, 4, 0), 4);    // version 4 has its build-specific layout
+  EXPECT_EQ(v.word_for(30, 4, 9600), 4);
+  EXPECT_EQ(v.word_for(30, 3, 9600), 4);  // among all: 14393 is the oldest not older
+  EXPECT_EQ(v.word_for(30, 3, 20000), 4);
+  EXPECT_EQ(v.store.providers[v.g].versioned[30].count(5), 0u);
+
+  // An earlier layout for one version doesn't block a later one for every
+  // version, nor one for another version.
+  EXPECT_TRUE(v.add(31, 1, 0, 11));
+  EXPECT_FALSE(v.add(31, 1, 0, 12));
+  EXPECT_TRUE(v.add(31, 2, 0, 12));
+  EXPECT_TRUE(v.add(31, -1, 0, 13));
+  EXPECT_EQ(v.word_for(31, 1), 11);
+  EXPECT_EQ(v.word_for(31, 2), 12);
+  EXPECT_EQ(v.word_for(31, 0), 13);
+}
+
+TEST(TemplateStoreVersions, WithoutVersionsTheChoiceIsTheBuildsAlone) {
+  // Only layouts for every version: whatever version a record carries, the
+  // answer is the one the build alone gives.
+  versioned_store v;
+  v.add(40, -1, 0, 1);
+  v.add(40, -1, 14393, 2);
+  v.add(41, -1, 9600, 3);
+  for (int version : {-1, 0, 1, 255}) {
+    EXPECT_EQ(v.word_for(40, version, 9600), 2) << version;
+    EXPECT_EQ(v.word_for(41, version, 0), 3) << version;
+    EXPECT_EQ(v.word_for(41, version, 20000), 3) << version;
+  }
+}
+
 }  // namespace

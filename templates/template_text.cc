@@ -151,12 +151,13 @@ bool parse_template_line(template_record& record, const std::string& line) {
   // A versioned line is its own layout: its version and builds are part of
   // what makes two lines equal, so lines that differ only in them don't merge.
   if (record.version >= 0) {
-    record.layout_text += 'V';
-    record.layout_text += std::to_string(record.version);
-    for (uint16_t b : record.builds) {
-      record.layout_text += '#';
-      record.layout_text += std::to_string(b);
-    }
+    auto append = [&](char marker, unsigned value) {
+      record.layout_text += marker;
+      auto r = std::to_chars(digits, digits + sizeof digits, value);
+      record.layout_text.append(digits, r.ptr);
+    };
+    append('V', unsigned(record.version));
+    for (uint16_t b : record.builds) append('#', b);
   }
   record.key = digest_of(record.layout_text);
   return true;
@@ -201,7 +202,7 @@ void merge_template_record(template_source& source, template_record&& record) {
       source.field_names.push_back(name);
       source.field_name_index.emplace(name, index);
     }
-    record.name_indices.push_back(uint16_t(index));
+    record.name_indices.push_back(index);
   }
   auto named = source.name_of_guid.find(record.guid);
   if (named != source.name_of_guid.end()) record.provider_index = uint16_t(named->second);

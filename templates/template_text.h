@@ -6,7 +6,8 @@
 //   {guid} ! $ids, token, token, ...   (event line; "%" in place of "$" also)
 //
 // Identifiers: 801 | 1037;9517 | 10-12 | 1-2;4;5 (the range first).
-// Tokens: "#" build, "L" name of the next field, "C" comment, else a word.
+// Tokens: "#" build, "L" name of the next field, "V" event version (0-255;
+// a line without one holds for every version), "C" comment, else a word.
 // Lines under 16 characters are passed over; a "#" line whose GUID column is
 // shorter than 36 characters ends the file.
 #pragma once

@@ -10,6 +10,7 @@
 namespace {
 
 using ids = std::vector<uint16_t>;
+using name_ids = std::vector<uint32_t>;
 using texts = std::vector<std::string>;
 
 // 7d44233d-3055-4b9c-ba64-0d47ca40a232 in the Windows binary layout.
@@ -99,8 +100,8 @@ TEST(TemplateText, WorkedExampleFile) {
   // Field names in order of first use behind the initial empty entry.
   EXPECT_EQ(s.field_names[0], "");
   EXPECT_EQ(s.field_names[1], "_ConnectionNameLength");
-  EXPECT_EQ(r801.name_indices, (ids{1, 2, 3}));
-  EXPECT_EQ(r779.name_indices, (ids{4, 5}));
+  EXPECT_EQ(r801.name_indices, (name_ids{1, 2, 3}));
+  EXPECT_EQ(r779.name_indices, (name_ids{4, 5}));
   EXPECT_EQ(s.field_names.back(), "fid_USBPORT_HC");
 
   template_store store;
@@ -215,8 +216,8 @@ TEST(TemplateText, EqualLayoutsMerge) {
 
   // The first empty name adds a second empty entry to the field names.
   EXPECT_EQ(s.field_names, (texts{"", "A", "", "B"}));
-  EXPECT_EQ(r.name_indices, (ids{1, 2}));
-  EXPECT_EQ(s.records[1].name_indices, (ids{3, 2}));
+  EXPECT_EQ(r.name_indices, (name_ids{1, 2}));
+  EXPECT_EQ(s.records[1].name_indices, (name_ids{3, 2}));
 
   // Another GUID text (upper case) is another key.
   s = load_lines({g + " ! $1, 8", "{C88A4EF5-D048-4013-9408-E04B7DB2814A} ! $2, 8"});

@@ -406,9 +406,10 @@ void unpack_event(trace_engine& e, const record_view& r, uint64_t file_offset,
       uint16_t id = rec->event_id;
       if (kind == kind_c00a && id == 0 && rec->provider_id == kFlagsIdProvider) id = rec->flags_or_version;
       bool guessed = false;
+      const int version = kind == kind_c012 || kind == kind_c013 ? rec->version : -1;
       decode_payload(rec->fields, file_offset + payload_at, rec->has_provider ? &rec->provider_id : nullptr,
-                     id, r.p + payload_at, rec->size - payload_at, buffer_end, &e.store, ptr64, true,
-                     guessed);
+                     id, version, r.p + payload_at, rec->size - payload_at, buffer_end, &e.store, ptr64,
+                     true, guessed);
       rec->guessed = guessed;
     }
   }
