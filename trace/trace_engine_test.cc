@@ -174,20 +174,35 @@ TEST(TraceEngine, DamageWithNoOffsetGivesUpTheRestOfTheBuffer) {
   EXPECT_EQ(f.engine.records.begin()->event_id, 1);
 }
 
-TEST(TraceEngine, EventsWithoutRoomForAPayloadAreNotTakenAsRecords) {
-  // A record must be larger than its header: an 80-byte EVENT_HEADER with no
-  // payload fails the test and is stepped over as damage.
-  // (Its id is chosen so that no 8-byte step inside it looks like a classic
-  // record: an id of 2 to 5 at offset 40 would.)
+TEST(TraceEngine, RecordsOfExactlyTheirHeaderLengthAreEvents) {
+  // An 80-byte EVENT_HEADER with no payload is an event with no fields, and
+  // the record behind it keeps its own row. (Id 2 at offset 40 would read as
+  // a classic version word if the record were stepped over 8 bytes at a time.)
   fixture f;
-  f.add({tw::event_header_record(event(1, kT0)), tw::event_header_record(event(0x20, kT0, 0)),
-         tw::event_header_record(event(3, kT0)), tw::event_header_record(event(4, kT0))});
+  f.engine.decode_enabled = true;
+  const size_t at = f.add({tw::event_header_record(event(1, kT0)), tw::event_header_record(event(2, kT0, 0)),
+                           tw::event_header_record(event(3, kT0)), tw::full_header_record(event(5, kT0, 0)),
+                           tw::instance_header_record(event(6, kT0, 0), false),
+                           tw::instance_header_record(event(7, kT0, 0), true),
+                           tw::event_header_record(event(4, kT0))});
   f.read(0);
   auto r = f.records();
-  ASSERT_EQ(r.size(), 3u);
-  EXPECT_EQ(r[0]->event_id, 1);
-  EXPECT_EQ(r[1]->kind, kind_placeholder);
-  EXPECT_EQ(r[2]->event_id, 4);
+  ASSERT_EQ(r.size(), 7u);
+  EXPECT_EQ(r[1]->file_offset, at + 72 + 88);
+  EXPECT_EQ(r[1]->kind, kind_c012);
+  EXPECT_EQ(r[1]->event_id, 2);
+  EXPECT_EQ(r[1]->size, 80);
+  EXPECT_TRUE(r[1]->fields.empty());
+  EXPECT_EQ(r[2]->event_id, 3);
+  EXPECT_FALSE(r[2]->fields.empty());  // 8 bytes, guessed
+  EXPECT_EQ(r[3]->kind, kind_c00a);
+  EXPECT_EQ(r[3]->size, 48);
+  EXPECT_EQ(r[4]->kind, kind_9000_18);
+  EXPECT_EQ(r[4]->size, 40);
+  EXPECT_EQ(r[5]->kind, kind_9000_1c);  // no hint: the first record was no message
+  EXPECT_EQ(r[5]->size, 44);
+  EXPECT_EQ(r[6]->event_id, 4);
+  for (etl_record* rec : r) EXPECT_NE(rec->kind, kind_placeholder);
 }
 
 TEST(TraceEngine, HeaderSizeHintFromTheFirstRecord) {
