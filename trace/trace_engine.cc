@@ -258,19 +258,77 @@ bool test_perfinfo(const record_view& r, const time_inputs& in, uint32_t& kind) 
 bool test_other(const record_view& r) { return classic_size_ok(r); }
 
 // The loop's test (and resync's): kinds 2, 6/7, 5, 13, 1 with no hint, then
-// 8. `size_at` is where the record's size stands: 0, or 4 for the classic
-// forms.
+// 8. Each of the first stands for its own marker, so the marker picks the
+// one to try. `size_at` is where the record's size stands: 0, or 4 for the
+// classic forms.
 bool loop_test(const record_view& r, const time_inputs& in, uint32_t& size_at) {
-  uint32_t kind;
   size_at = 0;
-  if (test_9000(r, true, 0, in) || test_event_header(r, in, kind) || test_full_header(r, in) ||
-      test_instance_header(r, in) || test_9000(r, false, 0, in))
-    return true;
+  if (r.remaining < 8) return false;
+  uint32_t kind;
+  switch (r.u16(2)) {
+    case kHeaderMessage:
+      if (test_9000(r, true, 0, in) || test_9000(r, false, 0, in)) return true;
+      break;
+    case kHeaderEvent32:
+    case kHeaderEvent64:
+      if (test_event_header(r, in, kind)) return true;
+      break;
+    case kHeaderFull32:
+    case kHeaderFull64:
+      if (test_full_header(r, in)) return true;
+      break;
+    case kHeaderInstance32:
+    case kHeaderInstance64:
+      if (test_instance_header(r, in)) return true;
+      break;
+    default:
+      break;
+  }
   if (test_other(r)) {
     size_at = 4;
     return true;
   }
   return false;
+}
+
+// The kind of the record at `r` as unpacked: the form its marker names, when
+// the record passes that form's test with the buffer's hint (for messages,
+// the 28-byte form first), else kind 8 when it passes that test, else 9.
+uint32_t kind_of(const record_view& r, uint16_t hint, const time_inputs& in) {
+  uint32_t kind = kind_unknown;
+  if (r.remaining < 8) return kind;
+  switch (r.u16(2)) {
+    case kHeaderMessage:
+      if (test_9000(r, true, hint, in)) kind = kind_9000_1c;
+      else if (test_9000(r, false, hint, in)) kind = kind_9000_18;
+      break;
+    case kHeaderEvent32:
+    case kHeaderEvent64:
+      if (!test_event_header(r, in, kind)) kind = kind_unknown;
+      break;
+    case kHeaderFull32:
+    case kHeaderFull64:
+      if (test_full_header(r, in)) kind = kind_c00a;
+      break;
+    case kHeaderInstance32:
+    case kHeaderInstance64:
+      if (test_instance_header(r, in)) kind = kind_instance;
+      break;
+    case kHeaderPerfinfo32:
+    case kHeaderPerfinfo64:
+      if (!test_perfinfo(r, in, kind)) kind = kind_unknown;
+      break;
+    case kHeaderSystem32:
+    case kHeaderSystem64:
+    case kHeaderCompact32:
+    case kHeaderCompact64:
+      if (!test_system(r, in, kind)) kind = kind_unknown;
+      break;
+    default:
+      break;
+  }
+  if (kind == kind_unknown && test_other(r)) kind = kind_other;
+  return kind;
 }
 
 uint32_t aligned_step(uint16_t size) { return (static_cast<uint32_t>(size) + 7) & ~7u; }
@@ -459,9 +517,11 @@ void add_instance_fields(etl_record& rec, const record_view& r, uint64_t file_of
   }
 }
 
-// One record at `p`; fills an etl_record keyed by `file_offset`.
+// One record at `p`; fills an etl_record keyed by `file_offset`. `in` holds
+// the trace's StartTime as it stands (without the buffer loop's adjustment)
+// and the buffer's TimeStamp.
 void unpack_event(trace_engine& e, const record_view& r, uint64_t file_offset,
-                  const buffer_rec& buffer, const uint8_t* buffer_end) {
+                  const buffer_rec& buffer, const uint8_t* buffer_end, const time_inputs& in) {
   etl_record* rec = e.records.add(file_offset);
   if (!rec) return;  // the key stays with the earlier record
   rec->valid = true;
@@ -471,17 +531,7 @@ void unpack_event(trace_engine& e, const record_view& r, uint64_t file_offset,
   uint32_t step = aligned_step(r.u16(0));
 
   const uint16_t hint = buffer.header_size_hint;
-  const time_inputs in = make_time_inputs(e, e.header.StartTime, buffer.header.TimeStamp);
-  uint32_t kind = kind_unknown;
-  uint32_t typed_kind;
-  if (test_9000(r, true, hint, in)) kind = kind_9000_1c;
-  else if (test_9000(r, false, hint, in)) kind = kind_9000_18;
-  else if (test_event_header(r, in, typed_kind)) kind = typed_kind;
-  else if (test_full_header(r, in)) kind = kind_c00a;
-  else if (test_instance_header(r, in)) kind = kind_instance;
-  else if (test_perfinfo(r, in, typed_kind)) kind = typed_kind;
-  else if (test_system(r, in, typed_kind)) kind = typed_kind;
-  else if (test_other(r)) kind = kind_other;
+  const uint32_t kind = kind_of(r, hint, in);
   rec->kind = kind;
 
   uint32_t header_len = 0;
@@ -687,6 +737,7 @@ time_inputs loop_time_inputs(const trace_engine& e, const buffer_rec& b) {
 void walk_records(trace_engine& e, const uint8_t* data, size_t size, uint64_t file_offset, size_t pos,
                   const buffer_rec& b) {
   const time_inputs in = loop_time_inputs(e, b);
+  const time_inputs unpack_in = make_time_inputs(e, e.header.StartTime, b.header.TimeStamp);
   const size_t data_end = data_end_of(b.header, size);
   const uint8_t* end = data + size;
   while (pos <= data_end && data_end - pos >= 8) {
@@ -695,7 +746,7 @@ void walk_records(trace_engine& e, const uint8_t* data, size_t size, uint64_t fi
     uint32_t step;
     uint32_t size_at;
     if (loop_test(r, in, size_at)) {
-      unpack_event(e, r, at, b, end);
+      unpack_event(e, r, at, b, end, unpack_in);
       step = aligned_step(r.u16(size_at));
     } else {
       const uint32_t offset = b.header.Offset;
