@@ -4,7 +4,9 @@
 //
 // Input layout:
 //   byte 0     mode: bits 0-1 clock (FILETIME, QPC, cycles, "RlFs" file),
-//              bit 2 pointers are 64-bit, bit 3 decompress the rest first
+//              bit 2 pointers are 64-bit, bit 3 decompress the rest first,
+//              bit 4 the buffer is a first buffer, read behind its log
+//              header record
 //   the rest   the buffer (or the compressed stream)
 #include <cstddef>
 #include <cstdint>
@@ -83,7 +85,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<uint8_t> header = log_header_block(clock == 0 ? 2 : clock, mode & 4);
     open_with_log_header(engine, header.data(), header.size());
   }
-  read_buffer(engine, buffer.data(), buffer.size(), 4096);
+  // Bit 4: the bytes are a first buffer, read behind its log header record.
+  if (mode & 16) read_log_header_buffer(engine, buffer.data(), buffer.size());
+  else read_buffer(engine, buffer.data(), buffer.size(), 4096);
   std::ostringstream out;
   st.report.header_row_pending = true;
   for (etl_record& rec : engine.records) write_event_row(rec, out, st.report);

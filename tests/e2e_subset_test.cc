@@ -75,6 +75,16 @@ TEST(Subset, RoundTripOnEveryFileKind) {
   check_round_trip(dir, regular_path, kA);
   check_round_trip(dir, regular_path, kB);
 
+  // Records of both providers behind the log header: the subset's first
+  // block keeps only the pulled provider's.
+  h.records = {event(kB, 7, 10), event(kA, 8, 20), event(kB, 9, 30)};
+  tw::etl_writer first;
+  first.log_header(h);
+  first.add_buffer({event(kA, 10, 12), event(kB, 11, 30)});
+  const std::string first_path = dir.write("first.etl", first.data());
+  check_round_trip(dir, first_path, kA);
+  check_round_trip(dir, first_path, kB);
+
   // "RlFs".
   tw::etl_writer rlfs;
   rlfs.rlfs_first_block(kT0, kT0, 72, 72);
@@ -110,6 +120,8 @@ TEST(Subset, RoundTripOnRealTraces) {
       {"ShutdownPerfDiagLogger.etl", "3d6fa8d0-fe05-11d0-9dda-00c04fd7ba7c"},
       {"perfview/gcevents.etl", "e13c0d23-ccbc-4e12-931b-d9cc2eee27e4"},
       {"perfview/SelfDescribingSingleEvent.etl", "a61ea624-4944-55fc-c2a8-37838829438d"},
+      // The session's own records, behind the log header in the first buffer.
+      {"sonde-relogged.etl", "68fdd900-4a3e-11d1-84f4-0000f80464e3"},
   };
   for (const auto& [name, guid] : cases) check_round_trip(dir, samples + "/" + name, guid);
 }

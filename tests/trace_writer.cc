@@ -109,16 +109,49 @@ bytes event_header_record(const event_spec& e, bool kind7) {
   return finish_record(std::move(r), e, 0);
 }
 
+// The class of a full or instance header: type, level and version at 4.
+void put_class(bytes& r, const event_spec& e) {
+  r[4] = e.class_type;
+  r[5] = e.class_level;
+  put16(r, 6, e.class_version);
+}
+
 bytes full_header_record(const event_spec& e, bool wide) {
   bytes r(48, 0);
-  put_header_head(r, wide ? 0xC014 : 0xC00A, e.flags, e);
+  put_header_head(r, wide ? 0xC014 : 0xC00A, 0, e);
+  put_class(r, e);
   return finish_record(std::move(r), e, 0);
 }
 
-bytes system_header_record(const event_spec& e) {
+bytes instance_guid_header_record(const event_spec& e, bool wide) {
+  bytes r(72, 0);
+  put16(r, 2, wide ? 0xC015 : 0xC00B);
+  put_class(r, e);
+  put32(r, 8, e.thread_id);
+  put32(r, 12, e.process_id);
+  put64(r, 16, e.time);
+  put_guid(r, 24, e.provider);
+  put32(r, 48, e.instance_id);
+  put32(r, 52, e.parent_instance_id);
+  put_guid(r, 56, e.parent);
+  return finish_record(std::move(r), e, 0);
+}
+
+bytes compact_system_record(const event_spec& e, bool wide) {
+  bytes r(24, 0);
+  put16(r, 0, e.class_version);
+  put16(r, 2, wide ? 0xC004 : 0xC003);
+  put16(r, 6, e.id);
+  put32(r, 8, e.thread_id);
+  put32(r, 12, e.process_id);
+  put64(r, 16, e.time);
+  return finish_record(std::move(r), e, 4);
+}
+
+bytes system_header_record(const event_spec& e, bool wide) {
   bytes r(32, 0);
   put16(r, 0, e.class_version);
-  put16(r, 2, 0xC002);
+  put16(r, 2, wide ? 0xC002 : 0xC001);
   put16(r, 6, e.id);
   put32(r, 8, e.thread_id);
   put32(r, 12, e.process_id);
@@ -127,10 +160,10 @@ bytes system_header_record(const event_spec& e) {
   return finish_record(std::move(r), e, 4);
 }
 
-bytes compact_header_record(const event_spec& e) {
+bytes compact_header_record(const event_spec& e, bool wide) {
   bytes r(16, 0);
   put16(r, 0, e.class_version);
-  put16(r, 2, 0xC011);
+  put16(r, 2, wide ? 0xC011 : 0xC010);
   put16(r, 6, e.id);
   put64(r, 8, e.time);
   return finish_record(std::move(r), e, 4);
@@ -191,7 +224,9 @@ void etl_writer::log_header(const log_header_spec& s) {
   // The two names, each with its zero terminator, end the record.
   const size_t file_at = names_at + logger.size() + 2;
   const size_t record_end = file_at + file.size() + 2;
-  bytes b(record_end, 0);
+  size_t used = record_end;
+  for (const bytes& r : s.records) used = ((used + 7) & ~size_t(7)) + r.size();
+  bytes b(std::max(used, record_end), 0);
   std::copy(logger.begin(), logger.end(), b.begin() + static_cast<std::ptrdiff_t>(names_at));
   std::copy(file.begin(), file.end(), b.begin() + static_cast<std::ptrdiff_t>(file_at));
 
@@ -202,9 +237,22 @@ void etl_writer::log_header(const log_header_spec& s) {
   put64(b, 16, s.system_time);
   put16(b, 42, 1);
   put32(b, 48, uint32_t(record_end));
-  // The system header of the log header event.
+  // The records behind the header record, each on an 8-byte bound.
+  size_t at = record_end;
+  for (const bytes& r : s.records) {
+    at = (at + 7) & ~size_t(7);
+    std::copy(r.begin(), r.end(), b.begin() + static_cast<std::ptrdiff_t>(at));
+    at += r.size();
+  }
+  if (!s.records.empty()) {
+    at = (at + 7) & ~size_t(7);
+    put32(b, 8, uint32_t(at));
+    put32(b, 48, uint32_t(at));
+  }
+  // The system header of the log header event: 0xC002 for a 64-bit logger,
+  // 0xC001 for a 32-bit one.
   put16(b, 72, 2);
-  put16(b, 74, 0xC002);
+  put16(b, 74, wide ? 0xC002 : 0xC001);
   put16(b, 76, s.record_size ? s.record_size : uint16_t(record_end - 72));
   put16(b, 78, 0);
   put32(b, 80, s.thread_id);

@@ -32,6 +32,9 @@ enum clock_type : uint32_t { clock_qpc = 1, clock_systemtime = 2, clock_cycles =
 // header and TRACE_LOGFILE_HEADER with the logger and log file names.
 struct log_header_spec {
   uint32_t buffer_size = 65536;   // BufferSize of the log header and of every buffer
+  // Records behind the log header's own record in the first buffer; Offset
+  // then covers them, SavedOffset stays at the end of the header record.
+  std::vector<bytes> records;
   uint32_t pointer_size = 8;      // 8: the wide layout of the pointer fields
   uint32_t clock = clock_systemtime;
   uint64_t perf_freq = 10000000;
@@ -97,19 +100,31 @@ struct event_spec {
   guid activity{};
   uint16_t flags = 0;               // EVENT_HEADER Flags (bit 0: extended items)
   uint16_t event_property = 0;
-  uint16_t class_version = 2;       // classic kinds: u16 at 0 (2..5)
+  uint16_t class_version = 2;       // classic kinds: u16 at 0 (2..5); full and
+                                    // instance headers: the class version at 6
+  uint8_t class_type = 0;           // full and instance headers: byte 4
+  uint8_t class_level = 0;          // full and instance headers: byte 5
+  uint32_t instance_id = 0;         // instance headers: at 48
+  uint32_t parent_instance_id = 0;  // instance headers: at 52
+  guid parent{};                    // instance headers: the parent's GUID at 56
   bytes extended;                   // extended items, see `extended_item`
   bytes payload;
 };
 
 // Kinds 6 and 7: EVENT_HEADER records (0xC012, 0xC013), 80 bytes + items + payload.
 bytes event_header_record(const event_spec& e, bool kind7 = false);
-// Kind 5: the 48-byte full header, 0xC00A (or 0xC014, the 64-bit form).
+// Kind 5: the 48-byte full header, 0xC00A (or 0xC014, the 64-bit form): the
+// class (type, level, version) at 4, and at 40 the descriptor fields of
+// `e`, where the reader takes its columns from.
 bytes full_header_record(const event_spec& e, bool wide = false);
-// Kind 3: the classic system header 0xC002 (32 bytes).
-bytes system_header_record(const event_spec& e);
-// Kind 4: the compact classic header 0xC011 (16 bytes).
-bytes compact_header_record(const event_spec& e);
+// Kind 13: the 72-byte instance header, 0xC00B (or 0xC015, the 64-bit form).
+bytes instance_guid_header_record(const event_spec& e, bool wide = true);
+// Kinds 3 and 10: the system header 0xC002 (or 0xC001, the 32-bit form), 32 bytes.
+bytes system_header_record(const event_spec& e, bool wide = true);
+// Kind 12: the compact system header 0xC004 (or 0xC003, 32-bit), 24 bytes.
+bytes compact_system_record(const event_spec& e, bool wide = true);
+// Kinds 4 and 11: the perfinfo header 0xC011 (or 0xC010, 32-bit), 16 bytes.
+bytes compact_header_record(const event_spec& e, bool wide = true);
 // Kinds 1 and 2: the 0x9000 headers (40 and 44 bytes).
 bytes instance_header_record(const event_spec& e, bool kind2);
 // Kind 8: any other record with a version word of 2..5 (8-byte header).

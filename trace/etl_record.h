@@ -12,13 +12,17 @@ enum record_kind : uint32_t {
   kind_placeholder = 0,  // marks a damaged stretch stepped over
   kind_9000_18 = 1,      // 0x9000 header, 24-byte form
   kind_9000_1c = 2,      // 0x9000 header, 28-byte form
-  kind_c002 = 3,         // classic system header with thread, process and time
-  kind_c011 = 4,         // compact classic header
+  kind_c002 = 3,         // system header 0xC002 (64-bit) with thread, process and time
+  kind_c011 = 4,         // perfinfo header 0xC011 (64-bit): time, no thread or process
   kind_c00a = 5,         // full header 0xC00A or 0xC014: first 48 bytes of EVENT_HEADER
-  kind_c012 = 6,         // EVENT_HEADER
-  kind_c013 = 7,         // EVENT_HEADER
+  kind_c012 = 6,         // EVENT_HEADER 0xC012 (32-bit)
+  kind_c013 = 7,         // EVENT_HEADER 0xC013 (64-bit)
   kind_other = 8,        // any record with a plausible version word and size
   kind_unknown = 9,      // passed the buffer loop's test, failed the file's hint
+  kind_c001 = 10,        // system header 0xC001 (32-bit), as kind 3
+  kind_c010 = 11,        // perfinfo header 0xC010 (32-bit), as kind 4
+  kind_compact = 12,     // compact system header 0xC003 (32-bit) or 0xC004 (64-bit)
+  kind_instance = 13,    // instance header 0xC00B (32-bit) or 0xC015 (64-bit)
 };
 
 struct etl_record {
@@ -52,6 +56,10 @@ struct etl_record {
   bool valid = true;
   bool guessed = false;
   uint64_t file_offset = 0;
+  // The event version its payload's layout is looked up with: the
+  // descriptor's Version of an EVENT_HEADER, the class version of a classic
+  // record; -1 when the header carries none.
+  int32_t layout_version = -1;
 
   // Clears every value but keeps the storage of names and fields for reuse.
   void reset() {

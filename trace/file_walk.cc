@@ -133,6 +133,16 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
   }
   sink.file_opened(opening);
 
+  // The records behind the log header's own record in the first buffer come
+  // first.
+  if (opening.kind == trace_file_kind::regular) {
+    const uint32_t held = static_cast<uint32_t>(std::min<size_t>(first_block_size, block.size()));
+    read_log_header_buffer(engine, block.data(), held);
+    if (engine.subset_enabled) write_subset_first_block(subset, engine, block.data(), held);
+    engine.stats.subset_index.clear();
+    hand_records(engine, sink);
+  }
+
   // The buffer loop.
   std::vector<uint8_t> buffer;
   std::vector<uint8_t> expanded;

@@ -3,20 +3,62 @@
 // payload decoder for its fields, and keeps the records of the current buffer
 // in file-offset order until the walker hands them to a record sink.
 //
-// Records are aligned on 8 bytes. Header kinds (offsets within the record):
-//   kind | marker (u16 at 2)       | size at | time at | id at | provider at | thread, process | header
-//   1    | 0x9000                  | 0       | 24      | 4     | GUID at 8    | 32, 36         | 40
-//   2    | 0x9000                  | 0       | 28      | 4     | GUID at 12   | 36, 40         | 44
-//   3    | 0xC002, u16 at 0 in 2-5 | 4       | 16      | 6     | event group  | 8, 12          | 32
-//   4    | 0xC011, u16 at 0 in 2-5 | 4       | 8       | 6     | event group  | none           | 16
-//   5    | 0xC00A, 0xC014          | 0       | 16      | 40    | GUID at 24   | 8, 12          | 48
-//   6, 7 | 0xC012, 0xC013          | 0       | 16      | 40    | GUID at 24   | 8, 12          | 80
-//   8    | any, u16 at 0 in 2-5    | 4       | none    | 6     | event group  | none           | 8
-// Kinds 6 and 7 carry EVENT_HEADER (80 bytes: Size, HeaderType, Flags,
-// EventProperty, ThreadId, ProcessId, TimeStamp, ProviderId, the 16-byte
-// EVENT_DESCRIPTOR at 40, a time word at 56 and ActivityId at 64); kind 5
-// the first 48 bytes of it. Kinds 3 and 4 carry the classic system header:
-// Version, type, Size, HookId (group in the high byte, type in the low).
+// Records are aligned on 8 bytes. Every record starts with a 32-bit marker:
+// trace headers carry the flags 0xC0 in byte 3 and the header type in byte 2,
+// so the u16 at 2 names the form; messages (WPP) carry 0x90 in byte 3. The
+// header type also tells the pointer width of the payload: the 32-bit forms
+// are written by 32-bit loggers and processes, the 64-bit forms by 64-bit
+// ones. Forms (offsets within the record):
+//
+//   u16 at 2 | kind | header                          | length | size at | time at | thread, process | id, provider
+//   0x9000   | 1    | message, 24-byte form           | 40     | 0       | 24      | 32, 36          | u16 at 4, GUID at 8
+//   0x9000   | 2    | message, 28-byte form           | 44     | 0       | 28      | 36, 40          | u16 at 4, GUID at 12
+//   0xC001   | 10   | SYSTEM_TRACE_HEADER, 32-bit     | 32     | 4       | 16      | 8, 12           | hook at 6, event group
+//   0xC002   | 3    | SYSTEM_TRACE_HEADER, 64-bit     | 32     | 4       | 16      | 8, 12           | hook at 6, event group
+//   0xC003   | 12   | compact system header, 32-bit   | 24     | 4       | 16      | 8, 12           | hook at 6, event group
+//   0xC004   | 12   | compact system header, 64-bit   | 24     | 4       | 16      | 8, 12           | hook at 6, event group
+//   0xC00A   | 5    | EVENT_TRACE_HEADER, 32-bit      | 48     | 0       | 16      | 8, 12           | u16 at 40, GUID at 24
+//   0xC014   | 5    | EVENT_TRACE_HEADER, 64-bit      | 48     | 0       | 16      | 8, 12           | u16 at 40, GUID at 24
+//   0xC00B   | 13   | EVENT_INSTANCE_GUID_HEADER, 32  | 72     | 0       | 16      | 8, 12           | class type, GUID at 24
+//   0xC015   | 13   | EVENT_INSTANCE_GUID_HEADER, 64  | 72     | 0       | 16      | 8, 12           | class type, GUID at 24
+//   0xC010   | 11   | PERFINFO_TRACE_HEADER, 32-bit   | 16     | 4       | 8       | none            | hook at 6, event group
+//   0xC011   | 4    | PERFINFO_TRACE_HEADER, 64-bit   | 16     | 4       | 8       | none            | hook at 6, event group
+//   0xC012   | 6    | EVENT_HEADER, 32-bit            | 80     | 0       | 16      | 8, 12           | u16 at 40, GUID at 24
+//   0xC013   | 7    | EVENT_HEADER, 64-bit            | 80     | 0       | 16      | 8, 12           | u16 at 40, GUID at 24
+//   other    | 8    | any record whose u16 at 0 is 2-5| 8      | 4       | none    | none            | hook at 6, event group
+//
+// The system, compact and perfinfo headers (kinds 3, 4, 10, 11, 12) start
+// with the class version (u16 at 0), the header type, the record's Size
+// (u16 at 4) and the HookId (u16 at 6: group in the high byte, type in the
+// low); the system header ends with KernelTime and UserTime, which the
+// compact form leaves out, and the perfinfo header has only the time. The
+// full and instance headers (kinds 5, 13) start with Size, the header type
+// and the class: type (byte 4), level (byte 5) and version (u16 at 6); then
+// ThreadId, ProcessId, TimeStamp and the class GUID; the instance header adds
+// InstanceId (u32 at 48), ParentInstanceId (u32 at 52) and the parent's GUID
+// (at 56). Kinds 6 and 7 carry EVENT_HEADER (80 bytes: Size, HeaderType,
+// Flags, EventProperty, ThreadId, ProcessId, TimeStamp, ProviderId, the
+// 16-byte EVENT_DESCRIPTOR at 40, a time word at 56 and ActivityId at 64);
+// its Flags 0x20 (32-bit header) and 0x40 (64-bit header) tell the pointer
+// width before the header type does. A message header (WPP) is the Size, the
+// marker and the message number (u16 at 4), then the GUID, the time stamp,
+// the thread and the process; the 28-byte form has a 4-byte sequence number
+// ahead of the GUID. Its pointer width is the log header's.
+//
+// The payload of a full or instance header is decoded by its class: the
+// class GUID's event group where the kernel groups have one (group key |
+// class type, the hook identifier of the same event), else the class type
+// alone under the class GUID; its row keeps the columns of the EVENT_HEADER
+// reading (event id: the u16 at 40). An instance header's row shows the class
+// type as event id and opcode, and its instance ids as the first fields.
+//
+// Header types 0x0C (timed) and 0x0E (WNODE) are defined but unused, and 0x0D
+// marks an error while logging; none is known to reach a trace file, and
+// they are not recognised.
+//
+// A record of exactly its header length is an event with no payload. Records
+// are read up to the end of the buffer's data: its Offset (the filled bytes),
+// which for a compressed buffer is its expanded size.
 //
 // Damaged stretches are stepped over 8 bytes at a time; a placeholder record
 // marks them and takes the key of the first good record behind the damage,
@@ -68,6 +110,14 @@ struct trace_indexes {
   std::map<uint64_t, uint32_t> record_sizes;
 };
 
+// The kernel group of the last class GUID a full or instance header named.
+struct class_group_cache {
+  qv::guid16 guid{};
+  uint16_t key = 0;     // the group key (hook identifier with its low byte clear)
+  bool looked_up = false;
+  bool found = false;
+};
+
 struct trace_engine {
   std::string file_name;
   log_header header;
@@ -90,6 +140,7 @@ struct trace_engine {
   // Only the records of this provider are kept in the subset index.
   bool subset_enabled = false;
   qv::guid16 subset_guid{};
+  class_group_cache class_group;
 };
 
 // Opens the engine on a log header block; refuses one that fails the
@@ -100,6 +151,9 @@ bool open_with_first_buffer(trace_engine& engine, const uint8_t* header, size_t 
 
 // The buffer loop: every record of the buffer at `file_offset`.
 bool read_buffer(trace_engine& engine, const uint8_t* data, size_t size, uint64_t file_offset);
+// The records of a regular file's first buffer (at file offset 0) behind the
+// log header's own record, which is the file's header row and not read here.
+bool read_log_header_buffer(trace_engine& engine, const uint8_t* data, size_t size);
 
 // Drops the records of the current buffer.
 void discard_rows(trace_engine& engine);

@@ -174,20 +174,35 @@ TEST(TraceEngine, DamageWithNoOffsetGivesUpTheRestOfTheBuffer) {
   EXPECT_EQ(f.engine.records.begin()->event_id, 1);
 }
 
-TEST(TraceEngine, EventsWithoutRoomForAPayloadAreNotTakenAsRecords) {
-  // A record must be larger than its header: an 80-byte EVENT_HEADER with no
-  // payload fails the test and is stepped over as damage.
-  // (Its id is chosen so that no 8-byte step inside it looks like a classic
-  // record: an id of 2 to 5 at offset 40 would.)
+TEST(TraceEngine, RecordsOfExactlyTheirHeaderLengthAreEvents) {
+  // An 80-byte EVENT_HEADER with no payload is an event with no fields, and
+  // the record behind it keeps its own row. (Id 2 at offset 40 would read as
+  // a classic version word if the record were stepped over 8 bytes at a time.)
   fixture f;
-  f.add({tw::event_header_record(event(1, kT0)), tw::event_header_record(event(0x20, kT0, 0)),
-         tw::event_header_record(event(3, kT0)), tw::event_header_record(event(4, kT0))});
+  f.engine.decode_enabled = true;
+  const size_t at = f.add({tw::event_header_record(event(1, kT0)), tw::event_header_record(event(2, kT0, 0)),
+                           tw::event_header_record(event(3, kT0)), tw::full_header_record(event(5, kT0, 0)),
+                           tw::instance_header_record(event(6, kT0, 0), false),
+                           tw::instance_header_record(event(7, kT0, 0), true),
+                           tw::event_header_record(event(4, kT0))});
   f.read(0);
   auto r = f.records();
-  ASSERT_EQ(r.size(), 3u);
-  EXPECT_EQ(r[0]->event_id, 1);
-  EXPECT_EQ(r[1]->kind, kind_placeholder);
-  EXPECT_EQ(r[2]->event_id, 4);
+  ASSERT_EQ(r.size(), 7u);
+  EXPECT_EQ(r[1]->file_offset, at + 72 + 88);
+  EXPECT_EQ(r[1]->kind, kind_c012);
+  EXPECT_EQ(r[1]->event_id, 2);
+  EXPECT_EQ(r[1]->size, 80);
+  EXPECT_TRUE(r[1]->fields.empty());
+  EXPECT_EQ(r[2]->event_id, 3);
+  EXPECT_FALSE(r[2]->fields.empty());  // 8 bytes, guessed
+  EXPECT_EQ(r[3]->kind, kind_c00a);
+  EXPECT_EQ(r[3]->size, 48);
+  EXPECT_EQ(r[4]->kind, kind_9000_18);
+  EXPECT_EQ(r[4]->size, 40);
+  EXPECT_EQ(r[5]->kind, kind_9000_1c);  // no hint: the first record was no message
+  EXPECT_EQ(r[5]->size, 44);
+  EXPECT_EQ(r[6]->event_id, 4);
+  for (etl_record* rec : r) EXPECT_NE(rec->kind, kind_placeholder);
 }
 
 TEST(TraceEngine, HeaderSizeHintFromTheFirstRecord) {
@@ -340,4 +355,273 @@ TEST(TraceEngine, ShortOrLyingBuffersAreBounded) {
     read_buffer(f.engine, copy.data(), n, at);
     discard_rows(f.engine);
   }
+}
+
+namespace {
+
+const tw::guid kImageClass = tw::guid_from_text("2cb15d1d-5fc1-11d2-abe1-00a0c911f518");
+constexpr uint32_t kPayloadWord = 0x11223344;
+
+tw::event_spec with_word(tw::event_spec e) {
+  e.payload = {0x44, 0x33, 0x22, 0x11};
+  return e;
+}
+
+// The first field of a record: where its payload starts and what it holds.
+void expect_payload_at(const etl_record& r, uint64_t at) {
+  ASSERT_FALSE(r.fields.empty());
+  EXPECT_EQ(r.fields.begin()->key, at);
+  EXPECT_EQ(r.fields.begin()->field.number, kPayloadWord);
+}
+
+}  // namespace
+
+TEST(TraceEngine, EveryHeaderTypeIsReadWithItsTimeIdsAndPayload) {
+  fixture f;
+  f.engine.decode_enabled = true;
+  f.engine.store.group_guids[0x1400] = qv::make_guid(kImageClass.data());
+  tw::event_spec sys = with_word(event(0x0301, kT0 + 1));
+  tw::event_spec perf = with_word(event(0x0302, kT0 + 2));
+  tw::event_spec compact = with_word(event(0x0303, kT0 + 3));
+  tw::event_spec full = with_word(event(0x20, kT0 + 4));
+  full.provider = kImageClass;
+  full.class_type = 10;
+  full.class_level = 4;
+  full.class_version = 3;
+  tw::event_spec instance = with_word(event(0x21, kT0 + 5));
+  instance.class_type = 7;
+  instance.class_level = 2;
+  instance.class_version = 1;
+  instance.instance_id = 0x55;
+  instance.parent_instance_id = 0x54;
+  instance.parent = kImageClass;
+  tw::event_spec message = with_word(event(0x22, kT0 + 6));
+  const std::vector<tw::bytes> records = {
+      tw::system_header_record(sys, false),    tw::system_header_record(sys, true),
+      tw::compact_header_record(perf, false),  tw::compact_header_record(perf, true),
+      tw::compact_system_record(compact, false), tw::compact_system_record(compact, true),
+      tw::full_header_record(full, false),     tw::full_header_record(full, true),
+      tw::instance_guid_header_record(instance, false), tw::instance_guid_header_record(instance, true),
+      tw::event_header_record(with_word(event(0x23, kT0 + 7))),
+      tw::event_header_record(with_word(event(0x24, kT0 + 8)), true),
+      tw::instance_header_record(message, false)};
+  const size_t at = f.add(records);
+  f.read(0);
+  auto r = f.records();
+  ASSERT_EQ(r.size(), records.size());
+  uint64_t offset = at + 72;
+  const uint32_t header_length[] = {32, 32, 16, 16, 24, 24, 48, 48, 72, 72, 80, 80, 40};
+  const uint32_t kinds[] = {kind_c001,     kind_c002,     kind_c010,      kind_c011,     kind_compact,
+                            kind_compact,  kind_c00a,     kind_c00a,      kind_instance, kind_instance,
+                            kind_c012,     kind_c013,     kind_9000_18};
+  for (size_t i = 0; i < r.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(r[i]->file_offset, offset);
+    EXPECT_EQ(r[i]->kind, kinds[i]);
+    EXPECT_TRUE(r[i]->valid);
+    if (kinds[i] != kind_instance) expect_payload_at(*r[i], offset + header_length[i]);
+    offset += (records[i].size() + 7) / 8 * 8;
+  }
+  // Classic forms: the hook id is the event id, the group gives the
+  // provider, the u16 at 0 is the class version; the perfinfo forms carry no
+  // thread or process.
+  for (int i : {0, 1, 4, 5}) {
+    EXPECT_EQ(r[i]->thread_id, 0x100u + r[i]->hook_id);
+    EXPECT_EQ(r[i]->process_id, 0x200u + r[i]->hook_id);
+    EXPECT_EQ(r[i]->provider_id, qv::make_guid(kProcessGroup.data()));
+    EXPECT_EQ(r[i]->layout_version, 2);
+  }
+  EXPECT_EQ(r[0]->hook_id, 0x0301);
+  EXPECT_EQ(r[0]->absolute_time, kT0 + 1);
+  EXPECT_EQ(r[2]->hook_id, 0x0302);
+  EXPECT_EQ(r[2]->event_id, 0x0302);
+  EXPECT_EQ(r[2]->thread_id, 0u);
+  EXPECT_EQ(r[2]->absolute_time, kT0 + 2);
+  EXPECT_EQ(r[4]->hook_id, 0x0303);
+  EXPECT_EQ(r[4]->absolute_time, kT0 + 3);
+  EXPECT_EQ(r[4]->time_word, 0u);  // the compact form ends behind the time
+  // Full headers keep their columns (event id: the u16 at 40) and carry the
+  // class version for the lookup.
+  EXPECT_EQ(r[6]->event_id, 0x20);
+  EXPECT_EQ(r[6]->absolute_time, kT0 + 4);
+  EXPECT_EQ(r[6]->thread_id, 0x120u);
+  EXPECT_EQ(r[6]->provider_id, qv::make_guid(kImageClass.data()));
+  EXPECT_EQ(r[6]->layout_version, 3);
+  // Instance headers: the class type as event id and opcode, the class
+  // level, and the instance ids as the first fields, ahead of the payload.
+  EXPECT_EQ(r[8]->event_id, 7);
+  EXPECT_EQ(r[8]->opcode, 7);
+  EXPECT_EQ(r[8]->level, 2);
+  EXPECT_EQ(r[8]->layout_version, 1);
+  EXPECT_EQ(r[8]->absolute_time, kT0 + 5);
+  EXPECT_EQ(r[8]->process_id, 0x221u);
+  const auto* inst = r[9]->fields.begin();
+  ASSERT_EQ(r[9]->fields.size(), 4u);
+  EXPECT_EQ(inst[0].field.name, "InstanceId");
+  EXPECT_EQ(inst[0].field.number, 0x55u);
+  EXPECT_EQ(inst[1].field.name, "ParentInstanceId");
+  EXPECT_EQ(inst[1].field.number, 0x54u);
+  EXPECT_EQ(inst[2].field.name, "ParentGuid");
+  EXPECT_EQ(inst[2].field.bytes, std::vector<uint8_t>(kImageClass.begin(), kImageClass.end()));
+  EXPECT_EQ(inst[3].key, r[9]->file_offset + 72);
+  // Event headers carry the descriptor's version for the lookup.
+  EXPECT_EQ(r[10]->event_id, 0x23);
+  EXPECT_EQ(r[10]->absolute_time, kT0 + 7);
+  EXPECT_EQ(r[12]->event_id, 0x22);
+  EXPECT_EQ(r[12]->absolute_time, kT0 + 6);
+  EXPECT_EQ(r[12]->layout_version, -1);
+}
+
+TEST(TraceEngine, ThirtyTwoBitKernelRecordsCarryDatesThreadsAndProcesses) {
+  // A QPC-clocked 32-bit kernel trace: 0xC001 and 0xC010 records are
+  // recognised (not the catch-all form with time 0) and get their dates.
+  fixture f(tw::clock_qpc, 4);
+  tw::event_spec sys = event(0x0301, 4000000);
+  tw::event_spec perf = event(0x0F2E, 4000100);
+  tw::buffer_spec shape;
+  shape.timestamp = 4500000;
+  f.add({tw::system_header_record(sys, false), tw::compact_header_record(perf, false)}, shape);
+  f.read(0);
+  auto r = f.records();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0]->kind, kind_c001);
+  EXPECT_EQ(r[0]->absolute_time, kT0 - 1000 + 4000000);
+  EXPECT_EQ(r[0]->thread_id, 0x401u);
+  EXPECT_EQ(r[1]->kind, kind_c010);
+  EXPECT_EQ(r[1]->absolute_time, kT0 - 1000 + 4000100);
+}
+
+TEST(TraceEngine, ABufferOfOnlyEightyByteEvents) {
+  fixture f;
+  f.engine.decode_enabled = true;
+  std::vector<tw::bytes> records;
+  for (uint16_t id = 1; id <= 50; ++id) records.push_back(tw::event_header_record(event(id, kT0 + id, 0)));
+  tw::buffer_spec shape;
+  shape.buffer_size = 72 + 50 * 80;  // full: Offset is BufferSize
+  const size_t at = f.add(records, shape);
+  f.read(0);
+  auto r = f.records();
+  ASSERT_EQ(r.size(), 50u);
+  for (size_t i = 0; i < r.size(); ++i) {
+    EXPECT_EQ(r[i]->event_id, i + 1);
+    EXPECT_EQ(r[i]->file_offset, at + 72 + 80 * i);
+    EXPECT_TRUE(r[i]->fields.empty());
+    EXPECT_EQ(r[i]->absolute_time, kT0 + i + 1);
+  }
+}
+
+TEST(TraceEngine, TheLastRecordsOfAFullBufferAreRead) {
+  // A 32-byte perfinfo record 40 bytes before the end of a full buffer, then
+  // 8 bytes of padding; and a buffer whose last record ends exactly at its end.
+  fixture f;
+  tw::event_spec sample = event(0x0F2E, kT0 + 9);
+  sample.payload.assign(16, 0x5A);
+  const tw::bytes tail = tw::compact_header_record(sample);
+  ASSERT_EQ(tail.size(), 32u);
+  const tw::bytes filler = tw::event_header_record(event(1, kT0, 4096 - 72 - 40 - 80));
+  tw::buffer_spec shape;
+  shape.buffer_size = 4096;
+  shape.offset = 4096;
+  shape.saved_offset = 4096;
+  const size_t at = f.add({filler, tail}, shape);
+  shape.offset = shape.saved_offset = tw::buffer_spec::kAuto;
+  f.add({filler, tail, tw::bytes(8, 0)}, shape);
+  const tw::bytes exact = tw::event_header_record(event(2, kT0, 4096 - 72 - 32 - 80));
+  f.add({exact, tail}, shape);
+  for (size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    f.read(i);
+    auto r = f.records();
+    ASSERT_EQ(r.size(), 2u);
+    EXPECT_EQ(r[1]->kind, kind_c011);
+    EXPECT_EQ(r[1]->hook_id, 0x0F2E);
+    EXPECT_EQ(r[1]->file_offset, f.buffers[i] + (i < 2 ? 4096 - 40 : 4096 - 32));
+    discard_rows(f.engine);
+  }
+  EXPECT_EQ(f.buffers[0], at);
+}
+
+TEST(TraceEngine, EightyByteEventsBesideDamageKeepTheirRows) {
+  // Damaged bytes between two 80-byte events: the one before keeps its row,
+  // the placeholder takes the key of the one behind (as for any record).
+  fixture f;
+  const tw::bytes before = tw::event_header_record(event(1, kT0, 0));
+  const tw::bytes after = tw::event_header_record(event(2, kT0, 0));
+  const size_t at = f.add({before, tw::bytes(24, 0xAB), after, tw::event_header_record(event(3, kT0, 0))});
+  f.read(0);
+  auto r = f.records();
+  ASSERT_EQ(r.size(), 3u);
+  EXPECT_EQ(r[0]->event_id, 1);
+  EXPECT_TRUE(r[0]->valid);
+  EXPECT_EQ(r[1]->kind, kind_placeholder);
+  EXPECT_EQ(r[1]->file_offset, at + 72 + 80);
+  EXPECT_EQ(r[1]->size, 24);
+  EXPECT_EQ(r[2]->event_id, 3);
+}
+
+TEST(TraceEngine, DamageInTheLastEightyBytesOfABufferIsMarked) {
+  // A record whose header is smashed in the last 80 bytes of a full buffer:
+  // once those bytes went unread; now the damage gets its placeholder.
+  fixture f;
+  const tw::bytes filler = tw::event_header_record(event(1, kT0, 4096 - 72 - 48 - 80));
+  tw::bytes smashed = tw::event_header_record(event(2, kT0, 0));
+  smashed.resize(48);
+  for (size_t i = 0; i < 8; ++i) smashed[i] = 0xAB;
+  tw::buffer_spec shape;
+  shape.buffer_size = 4096;
+  const size_t at = f.add({filler, smashed}, shape);
+  f.read(0);
+  auto r = f.records();
+  ASSERT_EQ(r.size(), 2u);
+  EXPECT_EQ(r[0]->event_id, 1);
+  EXPECT_EQ(r[1]->kind, kind_placeholder);
+  EXPECT_EQ(r[1]->file_offset, at + 4096 - 48);
+}
+
+TEST(TraceEngine, ZeroSizedBufferIsReadAgainstTheBytesInHand) {
+  fixture f;
+  tw::buffer_spec shape;
+  shape.buffer_size = 600;
+  const size_t at = f.add({tw::event_header_record(event(1, kT0)), tw::event_header_record(event(2, kT0))}, shape);
+  tw::bytes copy(f.w.data().begin() + static_cast<std::ptrdiff_t>(at), f.w.data().end());
+  for (uint32_t size_word : {0u, 40u}) {
+    SCOPED_TRACE(size_word);
+    for (int i = 0; i < 4; ++i) copy[i] = uint8_t(size_word >> (8 * i));
+    read_buffer(f.engine, copy.data(), copy.size(), at);
+    EXPECT_EQ(f.engine.records.size(), 2u);
+    discard_rows(f.engine);
+  }
+}
+
+TEST(TraceEngine, TheLogHeaderBufferGivesTheRecordsBehindItsOwn) {
+  tw::log_header_spec h;
+  h.buffer_size = 4096;
+  h.start_time = kT0;
+  h.system_time = 5000000;
+  h.clock = tw::clock_qpc;
+  tw::event_spec ext = event(0x0005, 5000000);
+  ext.payload.assign(36, 0);
+  tw::event_spec part = event(0x0050, 5000000);
+  part.payload.assign(48, 0);
+  tw::event_spec build = event(0x0042, 5000000);
+  build.payload = {'1', '0', '.', '0', 0};
+  h.records = {tw::system_header_record(ext), tw::system_header_record(part), tw::compact_header_record(build)};
+  tw::etl_writer w;
+  w.log_header(h);
+  w.patch_u32(16, 0);  // Windows writes this buffer with a TimeStamp of 0
+  w.patch_u32(20, 0);
+  trace_engine engine;
+  ASSERT_TRUE(open_with_log_header(engine, w.data().data(), w.size()));
+  engine.decode_enabled = false;
+  ASSERT_TRUE(read_log_header_buffer(engine, w.data().data(), w.size()));
+  std::vector<uint16_t> hooks;
+  for (const etl_record& r : engine.records) {
+    hooks.push_back(r.hook_id);
+    // The buffer's TimeStamp is 0: the raw times stand unbounded.
+    EXPECT_EQ(r.absolute_time, kT0);
+  }
+  EXPECT_EQ(hooks, (std::vector<uint16_t>{0x0005, 0x0050, 0x0042}));
+  // The header record itself is not among them, and the walk of the next
+  // buffer is not disturbed: the first buffer of the loop is still unseen.
+  EXPECT_FALSE(engine.have_first_buffer);
 }

@@ -11,6 +11,8 @@
 #include "trace/buffer_header.h"
 #include "trace/trace_engine.h"
 
+using qv::rd_u16;
+
 namespace {
 
 // "guid : name" for each provider of the file.
@@ -89,6 +91,35 @@ bool write_subset_buffer(subset_target& subset, trace_engine& engine, const uint
   const bool ok = subset.file->write_at(work.data(), static_cast<uint32_t>(padded), subset.pos);
   subset.pos += padded;
   return ok;
+}
+
+bool write_subset_first_block(subset_target& subset, trace_engine& engine, const uint8_t* block,
+                              uint32_t block_size) {
+  trace_indexes& stats = engine.stats;
+  const bool had_records = !stats.record_sizes.empty();
+  auto range = stats.subset_index.equal_range(subset.guid);
+  std::vector<std::pair<uint64_t, uint64_t>> keep;  // offset, length
+  for (auto it = range.first; it != range.second; ++it) {
+    auto size_it = stats.record_sizes.find(it->second);
+    if (size_it != stats.record_sizes.end())
+      keep.emplace_back(it->second, (static_cast<uint64_t>(size_it->second) + 7) / 8 * 8);
+  }
+  stats.subset_index.clear();
+  if (!had_records) return true;  // the block as it stands holds nothing else
+  // The header and the log header's own record stay where they are.
+  const uint64_t header_end = kBufferHeaderSize + (static_cast<uint64_t>(rd_u16(block, block_size, 76)) + 7) / 8 * 8;
+  if (!subset.file || block_size < kFirstProbeSize || header_end > block_size) return false;
+  std::vector<uint8_t> work(block, block + header_end);
+  work.resize(block_size, 0xFF);
+  uint64_t used = header_end;
+  for (const auto& [offset, length] : keep) {
+    if (offset >= block_size || length > block_size - offset || length > block_size - used) continue;
+    std::copy(block + offset, block + offset + length, work.begin() + static_cast<std::ptrdiff_t>(used));
+    used += length;
+  }
+  qv::wr_u32(work.data() + 48, static_cast<uint32_t>(used));
+  qv::wr_u32(work.data() + 8, static_cast<uint32_t>(used));
+  return subset.file->write_at(work.data(), block_size, 0);
 }
 
 void listing_sink::file_opened(const file_opening& file) {

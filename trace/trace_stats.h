@@ -26,6 +26,13 @@ struct subset_target {
 // One subset step for the buffer at `pos`, after the buffer loop has run on it.
 bool write_subset_buffer(subset_target& subset, trace_engine& engine, const uint8_t* buffer,
                          uint32_t buffer_size, uint64_t pos, bool is_rlfs_or_headerless);
+// The subset's first block once its records are read: the log header buffer
+// as it stands up to the end of the log header's own record, then the
+// provider's records from behind it, the rest 0xFF; written over the copy
+// made when the file was opened. Nothing is rewritten when the block holds
+// no records behind the log header.
+bool write_subset_first_block(subset_target& subset, trace_engine& engine, const uint8_t* block,
+                              uint32_t block_size);
 void print_provider_list(std::ostream& out, const trace_engine& engine);
 void print_statistics(std::ostream& out, const trace_engine& engine);
 
