@@ -49,15 +49,14 @@ const std::string& item(const std::vector<std::string>& list, size_t i) {
   return i < list.size() ? list[i] : empty;
 }
 
-// The separator character to its substitute, then (where asked) line breaks
-// flattened; only when the text holds the characters concerned.
-void clean_text(std::string& text, char from, char to, bool flatten) {
-  if (from != 0 && to != 0 && std::memchr(text.data(), from, text.size()) != nullptr) {
-    for (char& c : text) {
-      if (c == from) c = to;
-    }
-  }
-  if (flatten) flatten_line_breaks(text);
+// Appends one text field: the separator character to its substitute, line
+// breaks flattened, and quotes where a CSV reader needs them to read the
+// field back as one.
+void put_field(std::string& line, const std::string& text, const timeline_record& r) {
+  const size_t start = line.size();
+  line += text;
+  clean_field(line, start, r.separator_char, r.sub_separator_char);
+  if (csv_field_needs_quotes(line, start, r.separator)) quote_csv_field(line, start, 0);
 }
 
 void put_decimal(std::string& out, uint64_t v) {
@@ -288,46 +287,37 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
       stamp.append_time(line);
     }
     line += sep;
-    line += r.timezone;
+    put_field(line, r.timezone, r);
     line += sep;
     line += e.macb;
     line += sep;
-    line += e.source_text.empty() ? r.source : e.source_text;
+    put_field(line, e.source_text.empty() ? r.source : e.source_text, r);
     line += sep;
-    line += r.sourcetype;
+    put_field(line, r.sourcetype, r);
     line += sep;
-    line += r.type.empty() ? e.type_text : r.type;
+    put_field(line, r.type.empty() ? e.type_text : r.type, r);
     line += sep;
-    line += e.user_text.empty() ? r.user : e.user_text;
+    put_field(line, e.user_text.empty() ? r.user : e.user_text, r);
     line += sep;
-    line += r.host;
+    put_field(line, r.host, r);
     line += sep;
-
-    // The separator character must not stand inside these texts; line
-    // breaks are flattened in the free texts but not in short or filename.
-    const char from = r.separator_char;
-    const char to = r.sub_separator_char;
-    clean_text(r.short_text, from, to, false);
-    clean_text(r.desc, from, to, true);
-    clean_text(r.filename, from, to, false);
-    clean_text(r.notes, from, to, true);
-    clean_text(r.extra, from, to, true);
-
-    line += r.short_text;
+    // Every text is cleaned as it goes into the line: the separator
+    // character can't stand in it, and no line break is left in it.
+    put_field(line, r.short_text, r);
     line += sep;
-    line += r.desc;
+    put_field(line, r.desc, r);
     line += sep;
     put_decimal(line, r.version);
     line += sep;
-    line += e.file_text.empty() ? r.filename : e.file_text;
+    put_field(line, e.file_text.empty() ? r.filename : e.file_text, r);
     line += sep;
-    line += r.inode;
+    put_field(line, r.inode, r);
     line += sep;
-    line += r.notes;
+    put_field(line, r.notes, r);
     line += sep;
-    line += r.format;
+    put_field(line, r.format, r);
     line += sep;
-    line += r.extra;
+    put_field(line, r.extra, r);
     line.push_back('\n');
     out.write(line.data(), static_cast<std::streamsize>(line.size()));
   }
