@@ -59,6 +59,50 @@ void put_field(std::string& line, const std::string& text, const timeline_record
   if (csv_field_needs_quotes(line, start, r.separator)) quote_csv_field(line, start, 0);
 }
 
+// The fields of a line behind its date and time: 15 of them, 14 separators.
+constexpr size_t kTextFields = 15;
+
+// How often `c` stands in the `n` bytes at `p`; counted in blocks of 255 in
+// a byte-wide counter, which the compiler turns into wide compares.
+size_t count_byte(const char* p, size_t n, char c) {
+  size_t total = 0;
+  while (n > 0) {
+    const size_t m = n < 255 ? n : 255;
+    uint8_t k = 0;
+    for (size_t i = 0; i < m; ++i) k = static_cast<uint8_t>(k + (p[i] == c));
+    total += k;
+    p += m;
+    n -= m;
+  }
+  return total;
+}
+
+// Whether the fields appended as they are (from `begin` on, starting at
+// `starts`) need no clean-up: no CR or LF, no byte of the separator but in
+// the separators themselves, and no field that begins with a quote. Nearly
+// every line passes, at the cost of a few scans of one buffer.
+bool fields_plain(const std::string& line, size_t begin, const size_t (&starts)[kTextFields],
+                  const timeline_record& r) {
+  const char* p = line.data() + begin;
+  const size_t n = line.size() - begin;
+  if (std::memchr(p, '\n', n) != nullptr || std::memchr(p, '\r', n) != nullptr) return false;
+  for (size_t at : starts) {
+    if (at < line.size() && line[at] == '"') return false;
+  }
+  const std::string& sep = r.separator;
+  auto expected = [&](char c) { return count_byte(sep.data(), sep.size(), c) * (kTextFields - 1); };
+  for (size_t i = 0; i < sep.size(); ++i) {
+    const char c = sep[i];
+    if (c == ' ' || sep.find(c) != i) continue;  // each byte value once
+    if (count_byte(p, n, c) != expected(c)) return false;
+  }
+  const char from = r.separator_char;
+  if (from != 0 && r.sub_separator_char != 0 && sep.find(from) == std::string::npos &&
+      std::memchr(p, from, n) != nullptr)
+    return false;
+  return true;
+}
+
 void put_decimal(std::string& out, uint64_t v) {
   char buf[20];
   size_t n = 0;
@@ -247,6 +291,43 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
   entries.resize(n);
 }
 
+namespace {
+
+// The 15 fields behind the date and time; `starts` gets where each begins.
+void append_fields(std::string& line, const timeline_entry& e, const timeline_record& r,
+                   size_t (&starts)[kTextFields], bool clean) {
+  const std::string& sep = r.separator;
+  size_t k = 0;
+  auto text = [&](const std::string& t) {
+    if (k != 0) line += sep;
+    starts[k++] = line.size();
+    if (clean) put_field(line, t, r);
+    else line += t;
+  };
+  auto own = [&](auto&& put) {
+    if (k != 0) line += sep;
+    starts[k++] = line.size();
+    put();
+  };
+  text(r.timezone);
+  own([&] { line += e.macb; });
+  text(e.source_text.empty() ? r.source : e.source_text);
+  text(r.sourcetype);
+  text(r.type.empty() ? e.type_text : r.type);
+  text(e.user_text.empty() ? r.user : e.user_text);
+  text(r.host);
+  text(r.short_text);
+  text(r.desc);
+  own([&] { put_decimal(line, r.version); });
+  text(e.file_text.empty() ? r.filename : e.file_text);
+  text(r.inode);
+  text(r.notes);
+  text(r.format);
+  text(r.extra);
+}
+
+}  // namespace
+
 void write_timeline_header(std::ostream& out, const std::string& separator, bool pair_datetime) {
   std::string line;
   append_timeline_header(line, separator, pair_datetime);
@@ -287,37 +368,17 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
       stamp.append_time(line);
     }
     line += sep;
-    put_field(line, r.timezone, r);
-    line += sep;
-    line += e.macb;
-    line += sep;
-    put_field(line, e.source_text.empty() ? r.source : e.source_text, r);
-    line += sep;
-    put_field(line, r.sourcetype, r);
-    line += sep;
-    put_field(line, r.type.empty() ? e.type_text : r.type, r);
-    line += sep;
-    put_field(line, e.user_text.empty() ? r.user : e.user_text, r);
-    line += sep;
-    put_field(line, r.host, r);
-    line += sep;
-    // Every text is cleaned as it goes into the line: the separator
-    // character can't stand in it, and no line break is left in it.
-    put_field(line, r.short_text, r);
-    line += sep;
-    put_field(line, r.desc, r);
-    line += sep;
-    put_decimal(line, r.version);
-    line += sep;
-    put_field(line, e.file_text.empty() ? r.filename : e.file_text, r);
-    line += sep;
-    put_field(line, r.inode, r);
-    line += sep;
-    put_field(line, r.notes, r);
-    line += sep;
-    put_field(line, r.format, r);
-    line += sep;
-    put_field(line, r.extra, r);
+    // The texts go in as they are; only a line whose texts hold a line
+    // break, a quote in front or a separator byte is written again with
+    // each text cleaned: the separator character can't stand in it, no line
+    // break is left in it, and a field that needs them gets its quotes.
+    const size_t begin = line.size();
+    size_t starts[kTextFields];
+    append_fields(line, e, r, starts, false);
+    if (!fields_plain(line, begin, starts, r)) {
+      line.resize(begin);
+      append_fields(line, e, r, starts, true);
+    }
     line.push_back('\n');
     out.write(line.data(), static_cast<std::streamsize>(line.size()));
   }
