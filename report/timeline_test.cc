@@ -202,6 +202,22 @@ TEST(Timeline, HostileTextsStayOneFieldEach) {
   EXPECT_EQ(r.sourcetype, "\"Evil, \"session\"\n");
 }
 
+// Only the texts are cleaned and quoted: the date, the time, the MACB text
+// and the version are the writer's own and stand as they are, even when a
+// separator shares a byte with them.
+TEST(Timeline, OwnFieldsStandAsTheyAre) {
+  timeline_record r;
+  event_record(r);
+  r.separator.assign(1, '.');
+  r.separator_char = 0;
+  r.sub_separator_char = 0;
+  r.filename = std::string("f.etl");
+  EXPECT_EQ(lines(r), "2026-03-04. 05:06:07.123.UTC....B.ETL.S.ETL Entry...sh.de.2.\"f.etl\"..n.quon (ovrelt).x\n");
+  // A plain line is the same whichever way it goes.
+  event_record(r);
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),x\n");
+}
+
 TEST(Timeline, BindOptions) {
   report_options o;
   o.program_name = "quon";
