@@ -35,12 +35,13 @@ bool read_whole(const uni::fileio& file, uint64_t want, uint64_t pos) {
 
 // Reads `want` bytes at `pos`, but never more than the largest buffer the
 // reader holds at once; the walk still steps by the full size. False when
-// the file gave nothing; `whole` tells whether it gave all.
+// the file gave nothing; `whole`, when given, tells whether it gave all. (A
+// first block that comes short leaves the buffer loop nothing to read.)
 bool read_capped(uni::fileio& file, std::vector<uint8_t>& buf, uint64_t want, uint64_t pos,
-                 bool& whole) {
+                 bool* whole = nullptr) {
   if (want > qv::limits::kMaxBufferRead) want = qv::limits::kMaxBufferRead;
   if (!file.read_block(buf, want, pos) || file.bytes_read() == 0 || buf.empty()) return false;
-  whole = read_whole(file, want, pos);
+  if (whole) *whole = read_whole(file, want, pos);
   return true;
 }
 
@@ -108,8 +109,7 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
   if (is_logfile_buffer(block.data(), file_size)) {
     const uint32_t buffer_size = rd_u32(block.data(), block.size(), 0);
     // The whole first block, and at least the probe, for the header's fields.
-    bool whole = true;
-    if (!read_capped(file, block, std::max<uint32_t>(buffer_size, kFirstProbeSize), 0, whole)) return false;
+    if (!read_capped(file, block, std::max<uint32_t>(buffer_size, kFirstProbeSize), 0)) return false;
     first_block_size = buffer_size;
     if (subset.file) {
       subset.file->write_at(block.data(), std::min<uint32_t>(buffer_size, static_cast<uint32_t>(block.size())), 0);
@@ -128,8 +128,7 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
   } else if (is_rlfs_buffer(block.data(), file_size)) {
     is_rlfs = true;
     const uint64_t length = rd_u64(block.data(), block.size(), 48);
-    bool whole = true;
-    if (length > block.size() && !read_capped(file, block, static_cast<uint32_t>(length), 0, whole)) return false;
+    if (length > block.size() && !read_capped(file, block, static_cast<uint32_t>(length), 0)) return false;
     const uint32_t walk_start = rd_u32(block.data(), block.size(), 40);
     if (subset.file) {
       subset.file->write_at(block.data(), static_cast<uint32_t>(std::min<uint64_t>(length, block.size())), 0);
@@ -190,7 +189,7 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
     }
     if (buffer_size == 0) break;  // the read of zero bytes fails
     bool whole = true;
-    if (!read_capped(file, buffer, buffer_size, pos, whole)) break;
+    if (!read_capped(file, buffer, buffer_size, pos, &whole)) break;
     if (opts.show_status) {
       ++buffer_count;
       qv::status_line("processing buffer %2d", buffer_count);
