@@ -8,6 +8,7 @@
 #include "report/event_row.h"
 
 #include <climits>
+#include <cstring>
 #include <sstream>
 
 #include "decode/render.h"
@@ -236,10 +237,17 @@ void row_sink::file_opened(const file_opening& file) {
   std::ostringstream held;
   if (file.header) write_header_info_row(*file.header, held, opts_);
   else write_short_header_row(file.first_block, held, opts_);
+  // The file's name and the log file name recorded in the trace stand in
+  // lines of their own: a line break in either is flattened, so that neither
+  // can split its line or pass for a row.
+  std::string name = file.file_name ? *file.file_name : std::string();
+  flatten_all_line_breaks(name);
   std::string head;
-  append_file_head(head, file.file_name ? *file.file_name : std::string());
+  append_file_head(head, name);
+  const size_t path_at = head.size() + std::strlen("orig source path: ");
   head += "orig source path: ";
   head += opts_.orig_source_path;
+  clean_field(head, path_at, 0, 0);
   head += '\n';
   head += held.str();
   out_.write(head.data(), static_cast<std::streamsize>(head.size()));

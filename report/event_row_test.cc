@@ -266,7 +266,13 @@ TEST(EventRow, QuotedFields) {
                      std::string(kZeroGuid) + ",0x002a,"),
             std::string::npos)
       << out;
-  EXPECT_EQ(out.substr(out.size() - sizeof(kData) - 3), ",\"" + std::string(kData) + "\"\n");
+  // The quotes of the extra data are doubled inside the field's quotes.
+  std::string doubled;
+  for (char c : std::string(kData)) {
+    if (c == '"') doubled.push_back('"');
+    doubled.push_back(c);
+  }
+  EXPECT_EQ(out.substr(out.size() - doubled.size() - 4), ",\"" + doubled + "\"\n");
 }
 
 TEST(EventRow, HeaderRows) {

@@ -161,7 +161,7 @@ void finish_text(report_cell& cell) {
 // Everything the writer needs from the option record for one line.
 struct line_settings {
   const report_options& o;
-  bool flatten;
+  bool csv;  // -csv or -csvgen: text fields are quoted where they must be
 };
 
 uint64_t column_width(const report_options& o, size_t i) {
@@ -273,21 +273,24 @@ void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_
   size_t n = c.text.size();
   if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
   out.append(c.text, 0, n);
-  if (o.separator_char != 0 && std::memchr(c.text.data(), o.separator_char, n) != nullptr) {
-    for (size_t i = start; i < out.size(); ++i) {
-      if (out[i] == o.separator_char) out[i] = o.sub_separator_char;
+  clean_field(out, start, o.separator_char, o.sub_separator_char);
+  const uint64_t field = (!o.no_whitespace && prefix <= w) ? w - prefix : 0;
+  if (s.csv) {
+    // A text stored between quotes (-enable_quoted_csv_fields) is a quoted
+    // field already, but for its own quotes, which are doubled now.
+    const size_t len = out.size() - start;
+    if ((c.flags & rf_quote) && len >= 2 && out[start] == '"' && out.back() == '"') {
+      out.pop_back();
+      out.erase(start, 1);
+      quote_csv_field(out, start, field);
+      return;
+    }
+    if (csv_field_needs_quotes(out, start, o.separator)) {
+      quote_csv_field(out, start, field);
+      return;
     }
   }
-  if (s.flatten && (std::memchr(out.data() + start, '\n', out.size() - start) != nullptr ||
-                    std::memchr(out.data() + start, '\r', out.size() - start) != nullptr)) {
-    thread_local std::string piece;
-    piece.assign(out, start, std::string::npos);
-    flatten_line_breaks(piece);
-    out.resize(start);
-    out += piece;
-  }
   if (!o.no_whitespace && prefix <= w) {
-    const uint64_t field = w - prefix;
     if (c.flags & rf_centre) {
       pad_centred(out, start, field);
     } else if (c.flags & rf_right) {
@@ -411,6 +414,61 @@ void write_multiline_row(std::ostream& out, const report_row& row, report_option
 
 }  // namespace
 
+void flatten_all_line_breaks(std::string& text) {
+  if (text.find_first_of("\r\n") == std::string::npos) return;
+  flatten_line_breaks(text);
+  if (text.find_first_of("\r\n") == std::string::npos) return;
+  thread_local std::string marked;
+  marked.clear();
+  for (char ch : text) {
+    if (ch == '\n') marked += "[LF]";
+    else if (ch == '\r') marked += "[CR]";
+    else marked.push_back(ch);
+  }
+  text.swap(marked);
+}
+
+void clean_field(std::string& out, size_t start, char from, char to) {
+  if (start >= out.size()) return;
+  const size_t n = out.size() - start;
+  if (from != 0 && to != 0 && std::memchr(out.data() + start, from, n) != nullptr) {
+    for (size_t i = start; i < out.size(); ++i) {
+      if (out[i] == from) out[i] = to;
+    }
+  }
+  if (std::memchr(out.data() + start, '\n', n) != nullptr || std::memchr(out.data() + start, '\r', n) != nullptr) {
+    thread_local std::string piece;
+    piece.assign(out, start, std::string::npos);
+    flatten_all_line_breaks(piece);
+    out.resize(start);
+    out += piece;
+  }
+}
+
+bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator) {
+  if (start >= out.size()) return false;
+  if (out[start] == '"') return true;
+  for (char ch : separator) {
+    if (ch != ' ' && out.find(ch, start) != std::string::npos) return true;
+  }
+  return false;
+}
+
+void quote_csv_field(std::string& out, size_t start, uint64_t width) {
+  if (start > out.size()) return;
+  thread_local std::string piece;
+  piece.assign(out, start, std::string::npos);
+  out.resize(start);
+  out.push_back('"');
+  for (char ch : piece) {
+    if (ch == '"') out.push_back('"');
+    out.push_back(ch);
+  }
+  // The closing quote takes the last place of the width.
+  if (width > 0) pad_left_aligned(out, start, width - 1);
+  out.push_back('"');
+}
+
 bool init_report_row(report_row& row, int32_t count, uint32_t default_flags) {
   row.valid = 0;
   row.count = 0;
@@ -493,8 +551,7 @@ void write_column_line(std::ostream& out, report_options& opts) {
 
 void write_report_row(std::ostream& out, const report_row& row, report_options& opts) {
   if (!row.valid || row.count <= 0 || static_cast<size_t>(row.count) > row.cells.size()) return;
-  const line_settings s{opts, opts.format_csv || opts.format_csvgen || opts.format_l2t ||
-                                  opts.format_bodyfile};
+  const line_settings s{opts, opts.format_csv || opts.format_csvgen || opts.format_l2t};
   if (opts.format_multiline) {
     write_multiline_row(out, row, opts, s);
     return;

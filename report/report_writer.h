@@ -44,6 +44,28 @@ void write_column_line(std::ostream& out, report_options& opts);
 void write_report_row(std::ostream& out, const report_row& row, report_options& opts);
 // Line breaks to "[CRLF]", "[LFCR]", "[LF]", "[CR]", in place.
 using qv::flatten_line_breaks;
+// flatten_line_breaks, and then what it leaves standing marked as well: the
+// last LF of LF CR LF (whose CR went into "[LFCR]") becomes "[LF]", a CR in a
+// text that also has an LF becomes "[CR]". Nothing of the text can end or
+// break a line. A text without CR and LF is left as it is.
+void flatten_all_line_breaks(std::string& text);
+
+// Text fields of a line. Every form flattens line breaks in its texts; the
+// CSV forms (-csv, -csvgen, -csvl2t) also quote a field that a CSV reader
+// would otherwise not read back as one field.
+//
+// Cleans what stands in `out` from `start` on: every `from` becomes `to`
+// (when both are set), then flatten_all_line_breaks.
+void clean_field(std::string& out, size_t start, char from, char to);
+// Whether the field in `out` from `start` on needs quotes to read back as
+// one CSV field: it begins with a double quote, or holds a character of
+// `separator` other than a blank (a separator without a substitute, as
+// after -csv_separator or -enable_quoted_csv_fields).
+bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator);
+// Puts the field in `out` from `start` on between double quotes, its own
+// quotes doubled, as RFC 4180 has it; blanks up to `width` go inside the
+// closing quote, so that padding stays part of the field.
+void quote_csv_field(std::string& out, size_t start, uint64_t width);
 
 // Date and time text of FILETIME stamps for the row writers. The date text
 // is kept per day and per format, so a run of events costs a few divisions

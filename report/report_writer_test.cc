@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -150,6 +151,138 @@ TEST(ReportWriter, FlattenLineBreaks) {
   }
 }
 
+// What flatten_line_breaks leaves standing is marked too: nothing of a text
+// can end a line. Texts it flattens whole come out as it gives them.
+TEST(ReportWriter, FlattenAllLineBreaks) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"abc", "abc"},
+      {"a\r\nb", "a[CRLF]b"},
+      {"a\n\rb", "a[LFCR]b"},
+      {"a\rb", "a[CR]b"},
+      {"a\n\nb", "a[LF][LF]b"},
+      // The two cases flatten_line_breaks leaves a raw character in.
+      {"\n\r\n", "[LFCR][LF][CRLF]"},
+      {"a\rb\nc", "a[CR]b[LF]c"},
+      {"\n\r\n\r", "[LFCR][LF][CRLF][CR]"},
+      {"x\n\r\ny\r", "x[LFCR][LF][CRLF]y[CR]"},
+      {"\t\"a,b\"\t", "\t\"a,b\"\t"},
+  };
+  for (const auto& [in, want] : cases) {
+    std::string s = in;
+    flatten_all_line_breaks(s);
+    EXPECT_EQ(s, want) << "input of " << in.size() << " bytes";
+    EXPECT_EQ(s.find_first_of("\r\n"), std::string::npos);
+  }
+}
+
+TEST(ReportWriter, CsvFieldQuotingHelpers) {
+  std::string line = "ab,";
+  EXPECT_FALSE(csv_field_needs_quotes(line, 3, ","));  // empty field
+  line += "x\"y";
+  EXPECT_FALSE(csv_field_needs_quotes(line, 3, ","));  // a quote inside is a character
+  line = "ab,\"x";
+  EXPECT_TRUE(csv_field_needs_quotes(line, 3, ","));
+  line = "ab,x;y";
+  EXPECT_FALSE(csv_field_needs_quotes(line, 3, ","));
+  EXPECT_TRUE(csv_field_needs_quotes(line, 3, ";"));
+  EXPECT_TRUE(csv_field_needs_quotes(line, 3, "; "));
+  line = "ab,x y";
+  EXPECT_FALSE(csv_field_needs_quotes(line, 3, " ; "));  // blanks of a separator don't count
+
+  line = "ab,\"x\"\"";
+  quote_csv_field(line, 3, 0);
+  EXPECT_EQ(line, "ab,\"\"\"x\"\"\"\"\"");
+  line = "ab,x";
+  quote_csv_field(line, 3, 6);
+  EXPECT_EQ(line, "ab,\"x   \"");
+  line = "ab,xyzzy";
+  quote_csv_field(line, 3, 4);
+  EXPECT_EQ(line, "ab,\"xyzzy\"");
+  line = "ab,";
+  quote_csv_field(line, 3, 0);
+  EXPECT_EQ(line, "ab,\"\"");
+}
+
+// A text cell of a CSV form reads back as one field whatever it holds; the
+// padded form keeps its layout with every line break flattened.
+TEST(ReportWriter, HostileTextsInEveryForm) {
+  const std::string hostile = "\"lead, \"quote\"\n\r\n\tx\ry";
+  report_options o;
+  defaults(o);
+  set_columns(o, {{0, 4}, {0, 40}, {0, 4}});
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 3, 0));
+  set_cell_text(row, 0, "a", rt_text, 0);
+  set_cell_text(row, 1, hostile, rt_text, 0);
+  set_cell_text(row, 2, "b|c", rt_text, 0);
+  // Padded: the bar to a semicolon, line breaks flattened, nothing quoted.
+  EXPECT_EQ(write_row(o, row), "a    | \"lead, \"quote\"[LFCR][LF][CRLF]\tx[CR]y    | b;c \n");
+
+  // -csv: commas to blanks; the leading quote makes a quoted field.
+  as_csv(o);
+  EXPECT_EQ(write_row(o, row), "a,\"\"\"lead  \"\"quote\"\"[LFCR][LF][CRLF]\tx[CR]y\",b|c\n");
+
+  // -csv -pair_datetime pads: the blanks go inside the quotes, the width
+  // is kept.
+  report_options p;
+  defaults(p);
+  p.pair_datetime = true;
+  as_csv(p);
+  set_columns(p, {{0, 4}, {0, 50}, {0, 4}});
+  const std::string padded = write_row(p, row);
+  const std::string field = "\"\"\"lead  \"\"quote\"\"[LFCR][LF][CRLF]\tx[CR]y";
+  EXPECT_EQ(padded, "a   ," + field + std::string(50 - field.size() - 1, ' ') + "\",b|c \n");
+
+  // -csvgen quotes the same way; -bodyfile isn't a CSV form and doesn't.
+  report_options g;
+  defaults(g);
+  g.format_csvgen = true;
+  g.separator = ",";
+  g.separator_char = ',';
+  g.sub_separator_char = ' ';
+  g.no_whitespace = true;
+  set_columns(g, {{0, 0}, {0, 0}, {0, 0}});
+  EXPECT_EQ(write_row(g, row), "a,\"\"\"lead  \"\"quote\"\"[LFCR][LF][CRLF]\tx[CR]y\",b|c\n");
+
+  // -multiline and -xml flatten too.
+  report_options m;
+  defaults(m);
+  m.format_multiline = true;
+  m.separator = "";
+  m.separator_char = 0;
+  m.header_row_pending = true;
+  set_columns(m, {{0, 0}, {0, 0}, {0, 0}});
+  const std::string multi = write_row(m, row);
+  EXPECT_EQ(std::count(multi.begin(), multi.end(), '\n'), 4);
+  EXPECT_EQ(multi.find('\r'), std::string::npos);
+}
+
+// -enable_quoted_csv_fields under -csv: every text is a quoted field, its
+// own quotes doubled; the padded form keeps its padding inside the quotes.
+TEST(ReportWriter, QuotedFieldsUnderCsv) {
+  report_options o;
+  defaults(o);
+  as_csv(o);
+  o.quoted_fields = true;
+  o.pad_with_blanks = false;
+  o.separator_char = 0;
+  set_columns(o, {{0, 8}, {0, 8}, {0, 8}, {0, 8}});
+  report_row row;
+  ASSERT_TRUE(init_report_row(row, 4, rf_quote));
+  set_cell_text(row, 0, "a,b", rt_text, 0);
+  set_cell_text(row, 1, "data{\"k\":\"v\"}", rt_text, 0);
+  set_cell_text(row, 2, "", rt_text, 0);
+  // Stored as it stands (it opens a quoted structure): a comma in it makes
+  // it a quoted field all the same.
+  set_cell_text(row, 3, "{\"k\",1}", rt_text, 0);
+  EXPECT_EQ(row.cells[1].text, "\"data{\"k\":\"v\"}\"");
+  EXPECT_EQ(write_row(o, row), "\"a,b\",\"data{\"\"k\"\":\"\"v\"\"}\",\"\",\"{\"\"k\"\",1}\"\n");
+
+  o.no_whitespace = false;  // -pair_datetime
+  EXPECT_EQ(write_row(o, row), "\"a,b   \",\"data{\"\"k\"\":\"\"v\"\"}\",\"      \",\"{\"\"k\"\",1}\"\n");
+}
+
 TEST(ReportWriter, ColumnLine) {
   report_options o;
   defaults(o);
@@ -243,9 +376,9 @@ TEST(ReportWriter, TextCells) {
   ASSERT_TRUE(init_report_row(row, 4, 0));
   set_cell_text(row, 0, "a|b", rt_text, 0);
   set_cell_text(row, 1, "abcdefgh", rt_text, 0);  // overruns; later cells shift
-  set_cell_text(row, 2, "x\ny", rt_text, 0);      // padded layout keeps line breaks
+  set_cell_text(row, 2, "x\ny", rt_text, 0);      // no line break stands in a row
   set_cell_text(row, 3, "a,b", rt_text, rf_blank);
-  EXPECT_EQ(write_row(o, row), "a;b    | abcdefgh | x\ny |  a,b \n");
+  EXPECT_EQ(write_row(o, row), "a;b    | abcdefgh | x[LF]y |  a,b \n");
 
   // -csv: comma to blank, line breaks flattened, no padding.
   as_csv(o);
@@ -254,12 +387,13 @@ TEST(ReportWriter, TextCells) {
   set_cell_text(row, 1, "l1\r\nl2", rt_text, 0);
   EXPECT_EQ(write_row(o, row), "a b|c,l1[CRLF]l2\n");
 
-  // Another separator text: no character is replaced.
+  // Another separator text: no character is replaced, and a CSV field that
+  // holds the separator is quoted.
   o.separator = ":";
   o.separator_char = 0;
   o.sub_separator_char = 0;
   set_cell_text(row, 0, "a:b,c", rt_text, 0);
-  EXPECT_EQ(write_row(o, row), "a:b,c:l1[CRLF]l2\n");
+  EXPECT_EQ(write_row(o, row), "\"a:b,c\":l1[CRLF]l2\n");
 
   // -bodyfile: bar to semicolon, padding kept, line breaks flattened.
   report_options b;

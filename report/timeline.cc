@@ -49,15 +49,58 @@ const std::string& item(const std::vector<std::string>& list, size_t i) {
   return i < list.size() ? list[i] : empty;
 }
 
-// The separator character to its substitute, then (where asked) line breaks
-// flattened; only when the text holds the characters concerned.
-void clean_text(std::string& text, char from, char to, bool flatten) {
-  if (from != 0 && to != 0 && std::memchr(text.data(), from, text.size()) != nullptr) {
-    for (char& c : text) {
-      if (c == from) c = to;
-    }
+// Appends one text field: the separator character to its substitute, line
+// breaks flattened, and quotes where a CSV reader needs them to read the
+// field back as one.
+void put_field(std::string& line, const std::string& text, const timeline_record& r) {
+  const size_t start = line.size();
+  line += text;
+  clean_field(line, start, r.separator_char, r.sub_separator_char);
+  if (csv_field_needs_quotes(line, start, r.separator)) quote_csv_field(line, start, 0);
+}
+
+// The fields of a line behind its date and time: 15 of them, 14 separators.
+constexpr size_t kTextFields = 15;
+
+// How often `c` stands in the `n` bytes at `p`; counted in blocks of 255 in
+// a byte-wide counter, which the compiler turns into wide compares.
+size_t count_byte(const char* p, size_t n, char c) {
+  size_t total = 0;
+  while (n > 0) {
+    const size_t m = n < 255 ? n : 255;
+    uint8_t k = 0;
+    for (size_t i = 0; i < m; ++i) k = static_cast<uint8_t>(k + (p[i] == c));
+    total += k;
+    p += m;
+    n -= m;
   }
-  if (flatten) flatten_line_breaks(text);
+  return total;
+}
+
+// Whether the fields appended as they are (from `begin` on, starting at
+// `starts`) need no clean-up: no CR or LF, no byte of the separator but in
+// the separators themselves, and no field that begins with a quote. Nearly
+// every line passes, at the cost of a few scans of one buffer.
+bool fields_plain(const std::string& line, size_t begin, const size_t (&starts)[kTextFields],
+                  const timeline_record& r) {
+  const char* p = line.data() + begin;
+  const size_t n = line.size() - begin;
+  if (std::memchr(p, '\n', n) != nullptr || std::memchr(p, '\r', n) != nullptr) return false;
+  for (size_t at : starts) {
+    if (at < line.size() && line[at] == '"') return false;
+  }
+  const std::string& sep = r.separator;
+  auto expected = [&](char c) { return count_byte(sep.data(), sep.size(), c) * (kTextFields - 1); };
+  for (size_t i = 0; i < sep.size(); ++i) {
+    const char c = sep[i];
+    if (c == ' ' || sep.find(c) != i) continue;  // each byte value once
+    if (count_byte(p, n, c) != expected(c)) return false;
+  }
+  const char from = r.separator_char;
+  if (from != 0 && r.sub_separator_char != 0 && sep.find(from) == std::string::npos &&
+      std::memchr(p, from, n) != nullptr)
+    return false;
+  return true;
 }
 
 void put_decimal(std::string& out, uint64_t v) {
@@ -248,6 +291,43 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
   entries.resize(n);
 }
 
+namespace {
+
+// The 15 fields behind the date and time; `starts` gets where each begins.
+void append_fields(std::string& line, const timeline_entry& e, const timeline_record& r,
+                   size_t (&starts)[kTextFields], bool clean) {
+  const std::string& sep = r.separator;
+  size_t k = 0;
+  auto text = [&](const std::string& t) {
+    if (k != 0) line += sep;
+    starts[k++] = line.size();
+    if (clean) put_field(line, t, r);
+    else line += t;
+  };
+  auto own = [&](auto&& put) {
+    if (k != 0) line += sep;
+    starts[k++] = line.size();
+    put();
+  };
+  text(r.timezone);
+  own([&] { line += e.macb; });
+  text(e.source_text.empty() ? r.source : e.source_text);
+  text(r.sourcetype);
+  text(r.type.empty() ? e.type_text : r.type);
+  text(e.user_text.empty() ? r.user : e.user_text);
+  text(r.host);
+  text(r.short_text);
+  text(r.desc);
+  own([&] { put_decimal(line, r.version); });
+  text(e.file_text.empty() ? r.filename : e.file_text);
+  text(r.inode);
+  text(r.notes);
+  text(r.format);
+  text(r.extra);
+}
+
+}  // namespace
+
 void write_timeline_header(std::ostream& out, const std::string& separator, bool pair_datetime) {
   std::string line;
   append_timeline_header(line, separator, pair_datetime);
@@ -288,46 +368,17 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
       stamp.append_time(line);
     }
     line += sep;
-    line += r.timezone;
-    line += sep;
-    line += e.macb;
-    line += sep;
-    line += e.source_text.empty() ? r.source : e.source_text;
-    line += sep;
-    line += r.sourcetype;
-    line += sep;
-    line += r.type.empty() ? e.type_text : r.type;
-    line += sep;
-    line += e.user_text.empty() ? r.user : e.user_text;
-    line += sep;
-    line += r.host;
-    line += sep;
-
-    // The separator character must not stand inside these texts; line
-    // breaks are flattened in the free texts but not in short or filename.
-    const char from = r.separator_char;
-    const char to = r.sub_separator_char;
-    clean_text(r.short_text, from, to, false);
-    clean_text(r.desc, from, to, true);
-    clean_text(r.filename, from, to, false);
-    clean_text(r.notes, from, to, true);
-    clean_text(r.extra, from, to, true);
-
-    line += r.short_text;
-    line += sep;
-    line += r.desc;
-    line += sep;
-    put_decimal(line, r.version);
-    line += sep;
-    line += e.file_text.empty() ? r.filename : e.file_text;
-    line += sep;
-    line += r.inode;
-    line += sep;
-    line += r.notes;
-    line += sep;
-    line += r.format;
-    line += sep;
-    line += r.extra;
+    // The texts go in as they are; only a line whose texts hold a line
+    // break, a quote in front or a separator byte is written again with
+    // each text cleaned: the separator character can't stand in it, no line
+    // break is left in it, and a field that needs them gets its quotes.
+    const size_t begin = line.size();
+    size_t starts[kTextFields];
+    append_fields(line, e, r, starts, false);
+    if (!fields_plain(line, begin, starts, r)) {
+      line.resize(begin);
+      append_fields(line, e, r, starts, true);
+    }
     line.push_back('\n');
     out.write(line.data(), static_cast<std::streamsize>(line.size()));
   }

@@ -22,13 +22,13 @@ void event_record(timeline_record& r) {
   set_time_slots(r, 0, 0, 0, kStamp, qv::type_filetime);
   set_slot_texts(r, "", "", "", "ETL Entry");
   r.source = std::string("ETL");
-  r.sourcetype = "S";
-  r.short_text = "sh";
-  r.desc = "de";
-  r.filename = "f";
-  r.notes = "n";
-  r.format = "quon (ovrelt)";
-  r.extra = "x";
+  r.sourcetype = std::string("S");
+  r.short_text = std::string("sh");
+  r.desc = std::string("de");
+  r.filename = std::string("f");
+  r.notes = std::string("n");
+  r.format = std::string("quon (ovrelt)");
+  r.extra = std::string("x");
 }
 
 std::string lines(timeline_record& r, bool pending = false) {
@@ -168,18 +168,54 @@ TEST(Timeline, TextCleanUp) {
   r.filename = "/x,y\nz";
   r.notes = "n,o\rp";
   r.extra = "e,x\n";
-  // Commas to blanks in short, desc, filename, notes and extra; line breaks
-  // flattened in desc, notes and extra only; source and sourcetype untouched.
-  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,E,T,S,1,ETL Entry,,,a b\nc,"
-                      "d e[CRLF]f,2,/x y\nz,,n o[CR]p,quon (ovrelt),e x[LF]\n");
+  // Commas to blanks and line breaks flattened in every text: no field can
+  // shift the columns or split the line.
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,E T,S 1,ETL Entry,,,a b[LF]c,"
+                      "d e[CRLF]f,2,/x y[LF]z,,n o[CR]p,quon (ovrelt),e x[LF]\n");
 
-  // With no substitute character nothing is replaced.
+  // With no substitute character nothing is replaced: the field is quoted.
   event_record(r);
   r.separator.assign(1, '|');
   r.separator_char = '|';
   r.sub_separator_char = 0;
   r.desc = "a|b";
-  EXPECT_NE(lines(r).find("|a|b|"), std::string::npos);
+  EXPECT_NE(lines(r).find("|\"a|b\"|"), std::string::npos);
+}
+
+// The texts the audit found to break a timeline line: the session name, the
+// file name and the notes, and the user's own -hostname and -username. A
+// field that would still start a quoted field is quoted, its quotes doubled.
+TEST(Timeline, HostileTextsStayOneFieldEach) {
+  timeline_record r;
+  event_record(r);
+  r.sourcetype = "\"Evil, \"session\"\n";
+  r.user = "u,1";
+  r.host = "h\r\n";
+  r.filename = "/t/a\nb,\"c\".etl";
+  r.notes = "Orig filename: c:\\\"x\",\n\r\ny";
+  r.extra = "data{\"01-s\":\"\tq\n\r\n\"}";
+  EXPECT_EQ(lines(r),
+            "2026-03-04, 05:06:07.123,UTC,...B,ETL,\"\"\"Evil  \"\"session\"\"[LF]\",ETL Entry,u 1,h[CRLF],"
+            "sh,de,2,/t/a[LF]b \"c\".etl,,Orig filename: c:\\\"x\" [LFCR][LF][CRLF]y,quon (ovrelt),"
+            "data{\"01-s\":\"\tq[LFCR][LF][CRLF]\"}\n");
+  // The record's own texts are left as they were set.
+  EXPECT_EQ(r.sourcetype, "\"Evil, \"session\"\n");
+}
+
+// Only the texts are cleaned and quoted: the date, the time, the MACB text
+// and the version are the writer's own and stand as they are, even when a
+// separator shares a byte with them.
+TEST(Timeline, OwnFieldsStandAsTheyAre) {
+  timeline_record r;
+  event_record(r);
+  r.separator.assign(1, '.');
+  r.separator_char = 0;
+  r.sub_separator_char = 0;
+  r.filename = std::string("f.etl");
+  EXPECT_EQ(lines(r), "2026-03-04. 05:06:07.123.UTC....B.ETL.S.ETL Entry...sh.de.2.\"f.etl\"..n.quon (ovrelt).x\n");
+  // A plain line is the same whichever way it goes.
+  event_record(r);
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),x\n");
 }
 
 TEST(Timeline, BindOptions) {

@@ -221,6 +221,7 @@ bool parse_shared(cmd_params& o, std::vector<std::string>& args) {
       qv::replace_char(v, '\\', '/');
       qv::expand_environment(v, true);
       o.results_path = v;
+      if (o.output_check && !o.output_check(v)) return false;
       // The path is tried for writing, and the test file removed again.
       uni::fileio probe;
       if (!probe.open(v, true, false, true)) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -46,6 +47,11 @@ class cmd_params {
   std::string command_line;
   std::string program_name;
   std::string results_path;
+  // Asked about the -out path before the path is tried for writing (which
+  // truncates it and removes the test file): false refuses it, and the parse
+  // fails. The program sets it to keep its input traces safe; the check
+  // gives its own message. None: every path is tried.
+  std::function<bool(const std::string& path)> output_check;
   std::string out_dir;
   // Everything the row writers read: output form, formats, column table and
   // the per-file texts.

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "run/output_guard.h"
 #include "support/console.h"
 #include "support/qv_string.h"
 
@@ -21,28 +22,85 @@ void complain(const char* text) {
   std::fflush(stderr);
 }
 
+void complain(const std::string& text) { complain(text.c_str()); }
+
+// A -log value: split at the first of "|", "," and ";" that it holds, the
+// pieces trimmed; a value with none of them is one name.
+void split_log_list(std::string v, std::vector<std::string>& out) {
+  char delimiter = 0;
+  for (char c : {'|', ',', ';'}) {
+    if (v.find(c) != std::string::npos) {
+      delimiter = c;
+      break;
+    }
+  }
+  if (delimiter) {
+    qv::split(v, delimiter, out, true, false, true);
+  } else {
+    qv::trim(v);
+    if (!v.empty()) out.push_back(v);
+  }
+}
+
+// The names of every -log list on the line, read ahead of the parse for the
+// -out check. Every value behind a -log word counts, so that no reading of
+// the line leaves an input out.
+std::vector<std::string> named_inputs(const std::vector<std::string>& args) {
+  std::vector<std::string> inputs;
+  for (size_t i = 1; i + 1 < args.size(); ++i) {
+    std::string word = args[i], log = "-log";
+    if (word.size() == log.size() && qv::equal_nocase(word, log)) split_log_list(args[i + 1], inputs);
+  }
+  return inputs;
+}
+
+// The -out check of this program: never the input, never a trace.
+bool output_allowed(const std::string& path, const std::vector<std::string>& inputs) {
+  std::string input;
+  switch (check_output_path(path, inputs, input)) {
+    case output_refusal::none:
+      return true;
+    case output_refusal::is_input:
+      complain("-out " + path + " is the input " + input + ": refusing to overwrite it, aborting\n");
+      return false;
+    case output_refusal::holds_trace:
+      complain("-out " + path + " already holds a trace file: refusing to overwrite it, aborting\n");
+      return false;
+  }
+  return false;
+}
+
+bool is_hex_digit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// A GUID as -pullguid takes it: xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx in
+// hexadecimal digits of either case, with or without braces around it, and
+// nothing else. The bytes go in the binary layout.
+bool parse_guid_option(const std::string& text, qv::guid16& out) {
+  std::string bare = text;
+  if (bare.size() >= 2 && bare.front() == '{' && bare.back() == '}') bare = bare.substr(1, bare.size() - 2);
+  if (bare.size() != 36) return false;
+  for (size_t i = 0; i < bare.size(); ++i) {
+    const bool dash_place = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash_place ? bare[i] != '-' : !is_hex_digit(bare[i])) return false;
+  }
+  std::vector<uint8_t> bytes;
+  if (!qv::parse_guid(bare, bytes) || bytes.size() != out.size()) return false;
+  std::copy(bytes.begin(), bytes.end(), out.begin());
+  return true;
+}
+
 }  // namespace
 
 bool parse_options(quon_user_opts& o, std::vector<std::string>& args) {
+  o.output_check = [inputs = named_inputs(args)](const std::string& path) {
+    return output_allowed(path, inputs);
+  };
   if (!parse_shared(o, args)) return false;
   std::string v;
 
-  if (take_value("-log", v, args)) {
-    // Split at the first of "|", "," and ";" that the value holds.
-    char delimiter = 0;
-    for (char c : {'|', ',', ';'}) {
-      if (v.find(c) != std::string::npos) {
-        delimiter = c;
-        break;
-      }
-    }
-    if (delimiter) {
-      qv::split(v, delimiter, o.log_files, true, false);
-    } else {
-      qv::trim(v);
-      if (!v.empty()) o.log_files.push_back(v);
-    }
-  }
+  if (take_value("-log", v, args)) split_log_list(v, o.log_files);
   if (take_value("-templates", v, args)) {
     o.templates_given = true;
     o.templates_path = v;
@@ -79,9 +137,10 @@ bool parse_options(quon_user_opts& o, std::vector<std::string>& args) {
       complain("This option requires -out <file>\n");
       return false;
     }
-    std::vector<uint8_t> guid;
-    if (v.size() < 22 || !qv::parse_guid(v, guid) || guid.size() != 16) return false;
-    std::copy(guid.begin(), guid.end(), o.walk.subset.guid.begin());
+    if (!parse_guid_option(v, o.walk.subset.guid)) {
+      complain("-pullguid " + v + " is not a GUID (xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx, braces allowed), aborting\n");
+      return false;
+    }
     o.walk.subset.on = true;
     o.walk.subset.path = o.results_path;
   }

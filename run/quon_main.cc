@@ -1,6 +1,7 @@
 #include "run/quon_main.h"
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -125,7 +126,10 @@ bool walk_file(std::ostream& report_out, uni::fileio& file, quon_user_opts& opts
 }  // namespace
 
 bool process_file(std::ostream& report_out, const std::string& path, quon_user_opts& opts) {
-  uni::fileio file(path, false, true);
+  // Only a regular file (or a link to one) is read as a trace: a folder, a
+  // device, a FIFO or a socket is refused before it is opened.
+  uni::fileio file;
+  if (qvportdir::is_regular_file(path)) file.open(path, false, true, true);
   bool ok = false;
   if (file.is_open()) {
     opts.report.header_row_pending = true;
@@ -166,6 +170,14 @@ int stream_walk(std::ostream& report_out, quon_user_opts& opts) {
   if (opts.use_pipe) {
     if (!source.open_stdin(true)) return -1;
   } else {
+    // A folder that can't be opened ends the run, and says why: a misspelt
+    // name must not read as a walk that found nothing.
+    if (const int error = qvportdir::folder_open_error(opts.enum_dir)) {
+      const std::string text = "prob opening folder " + opts.enum_dir + ": " + std::strerror(error) + ", aborting\n";
+      std::fputs(text.c_str(), stderr);
+      std::fflush(stderr);
+      return -1;
+    }
     std::vector<std::wstring> filters;
     for (const path_filter& f : opts.filter_list) filters.push_back(f.raw_text);
     if (!source.start_enumeration(opts.enum_dir, opts.num_subdirs, filters)) return -1;

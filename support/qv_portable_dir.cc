@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cwctype>
 
 #include "support/qv_string.h"
@@ -226,6 +227,21 @@ bool file_exists(const std::wstring& path) {
   std::string narrow;
   if (!qv::wide_to_utf8(narrow, path)) return false;
   return file_exists(narrow);
+}
+
+bool is_regular_file(const std::string& path) {
+  const size_t end = path.find_last_not_of("/\\");
+  if (end == std::string::npos) return false;
+  struct stat64 st;
+  return ::stat64(path.substr(0, end + 1).c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+int folder_open_error(const std::string& path) {
+  if (path.empty()) return ENOENT;
+  DIR* d = ::opendir(path.c_str());
+  if (d == nullptr) return errno != 0 ? errno : ENOENT;
+  ::closedir(d);
+  return 0;
 }
 
 std::string executable_path() {

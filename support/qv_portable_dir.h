@@ -43,6 +43,13 @@ bool read_folder(const std::string& dir, std::vector<dir_entry>& list, uint32_t 
 
 bool file_exists(const std::string& path);
 bool file_exists(const std::wstring& path);
+// True when `path`, with trailing separators dropped as the file layer drops
+// them, is a regular file or a link to one; false for a folder, a device, a
+// FIFO, a socket, a link to any of those, and a name that doesn't exist.
+bool is_regular_file(const std::string& path);
+// 0 when `path` opens as a folder; otherwise the error of the attempt
+// (ENOENT for a name that doesn't exist, ENOTDIR for a file, EACCES...).
+int folder_open_error(const std::string& path);
 
 // The running executable's path through /proc/self/exe; empty on failure.
 std::string executable_path();

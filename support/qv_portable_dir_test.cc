@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -340,6 +341,40 @@ TEST(PortableDir, StdinAfterEnumeration) {
   EXPECT_FALSE(s.getline(line, true));
 
   std::freopen("/dev/null", "r", stdin);
+}
+
+// What the main loop asks before it opens a name as a trace, and before it
+// walks a folder.
+TEST(PortableDir, RegularFilesAndFoldersThatOpen) {
+  temp_tree t;
+  ASSERT_FALSE(t.root().empty());
+  t.dir("sub");
+  t.file("a.etl");
+  const std::string root = t.root();
+  ASSERT_EQ(::mkfifo((root + "/fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::symlink((root + "/a.etl").c_str(), (root + "/to_file").c_str()), 0);
+  ASSERT_EQ(::symlink((root + "/sub").c_str(), (root + "/to_dir").c_str()), 0);
+  ASSERT_EQ(::symlink((root + "/fifo").c_str(), (root + "/to_fifo").c_str()), 0);
+  ASSERT_EQ(::symlink((root + "/gone").c_str(), (root + "/dangling").c_str()), 0);
+
+  EXPECT_TRUE(qvportdir::is_regular_file(root + "/a.etl"));
+  EXPECT_TRUE(qvportdir::is_regular_file(root + "/to_file"));
+  // Trailing separators go, as they go when the file is opened.
+  EXPECT_TRUE(qvportdir::is_regular_file(root + "/a.etl//"));
+  for (const char* name : {"sub", "to_dir", "fifo", "to_fifo", "dangling", "missing", ""}) {
+    SCOPED_TRACE(name);
+    EXPECT_FALSE(qvportdir::is_regular_file(root + "/" + name));
+  }
+  EXPECT_FALSE(qvportdir::is_regular_file(""));
+  EXPECT_FALSE(qvportdir::is_regular_file("//"));
+  EXPECT_FALSE(qvportdir::is_regular_file("/dev/null"));
+  EXPECT_FALSE(qvportdir::is_regular_file("/dev/zero"));
+
+  EXPECT_EQ(qvportdir::folder_open_error(root), 0);
+  EXPECT_EQ(qvportdir::folder_open_error(root + "/to_dir"), 0);
+  EXPECT_EQ(qvportdir::folder_open_error(root + "/missing"), ENOENT);
+  EXPECT_EQ(qvportdir::folder_open_error(root + "/a.etl"), ENOTDIR);
+  EXPECT_EQ(qvportdir::folder_open_error(""), ENOENT);
 }
 
 TEST(PortableDir, ExistsAndExecutable) {

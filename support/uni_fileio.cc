@@ -189,6 +189,7 @@ void fileio::reset() {
   opened = false;
   line_flag = false;
   path.clear();
+  read_count = 0;
 }
 
 bool fileio::open(const std::string& path_in, bool writable_in, bool line_flag_in, bool create) {
@@ -263,6 +264,7 @@ int64_t fileio::query_size() {
 }
 
 bool fileio::read_block(std::vector<uint8_t>& out, uint64_t length, uint64_t offset) {
+  read_count = 0;
   if (!is_open() || size < 0 || offset >= static_cast<uint64_t>(size)) return false;
   if (length == 0) return true;
   if (::lseek64(fd, static_cast<off64_t>(offset), SEEK_SET) == -1) return false;
@@ -286,6 +288,7 @@ bool fileio::read_block(std::vector<uint8_t>& out, uint64_t length, uint64_t off
     if (r <= 0) break;
     done += static_cast<uint64_t>(r);
   }
+  read_count = done;
   if (done < length) {
     if (done > 0) {
       out.resize(static_cast<size_t>(done));

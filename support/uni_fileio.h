@@ -119,6 +119,11 @@ class fileio {
   // keeps `out` at its full length, zero-filled, and both succeed. A vector
   // that already has the size is reused.
   bool read_block(std::vector<uint8_t>& out, uint64_t length, uint64_t offset);
+  // The bytes that the last read_block took from the file: fewer than its
+  // block when the read stopped short, 0 for a read of nothing (whose block
+  // is all zero) or a failed call. A folder, or a file cut short while it is
+  // read, tells itself here.
+  uint64_t bytes_read() const { return read_count; }
   bool write_at(const void* data, uint32_t length, uint64_t offset);
   bool append(const std::vector<uint8_t>& data);
   bool append(const void* data, uint32_t length);
@@ -138,6 +143,7 @@ class fileio {
   bool line_flag = false;
   std::wstring path;
   std::unique_ptr<fileio_output> output;
+  uint64_t read_count = 0;
 };
 
 bool read_whole_file(std::vector<uint8_t>& out, const std::string& path, uint32_t limit);

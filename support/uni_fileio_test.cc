@@ -189,6 +189,53 @@ TEST(UniFileio, ReadBlockAfterTruncationBySomeoneElse) {
   EXPECT_EQ(out, std::vector<uint8_t>(30, 0));
 }
 
+// What the block doesn't show: how many bytes the file actually gave. A
+// read of nothing and a block of real zeros look the same in the vector.
+TEST(UniFileio, BytesReadTellsShortAndEmptyReads) {
+  temp_dir dir;
+  const std::string p = dir.file("z");
+  write_file(p, std::string(100, '\0'));
+  uni::fileio f(p, false, true);
+  ASSERT_TRUE(f.is_open());
+  std::vector<uint8_t> out;
+  EXPECT_EQ(f.bytes_read(), 0u);
+  ASSERT_TRUE(f.read_block(out, 72, 10));
+  EXPECT_EQ(f.bytes_read(), 72u);
+  // Cut at the end of the file: all that was asked of the file came.
+  ASSERT_TRUE(f.read_block(out, 72, 50));
+  EXPECT_EQ(out.size(), 50u);
+  EXPECT_EQ(f.bytes_read(), 50u);
+
+  ASSERT_EQ(truncate(p.c_str(), 30), 0);
+  ASSERT_TRUE(f.read_block(out, 72, 10));
+  EXPECT_EQ(out.size(), 20u);
+  EXPECT_EQ(f.bytes_read(), 20u);
+  // Nothing left behind offset 30: the 60 bytes up to the size taken at
+  // open, all zero, that the file never gave.
+  ASSERT_TRUE(f.read_block(out, 72, 40));
+  EXPECT_EQ(out, std::vector<uint8_t>(60, 0));
+  EXPECT_EQ(f.bytes_read(), 0u);
+  // A failed call and a call for no bytes take nothing either.
+  ASSERT_TRUE(f.read_block(out, 5, 0));
+  EXPECT_FALSE(f.read_block(out, 5, 100));
+  EXPECT_EQ(f.bytes_read(), 0u);
+  ASSERT_TRUE(f.read_block(out, 5, 0));
+  EXPECT_TRUE(f.read_block(out, 0, 0));
+  EXPECT_EQ(f.bytes_read(), 0u);
+  f.close();
+  EXPECT_EQ(f.bytes_read(), 0u);
+
+  // A folder opens (the layer doesn't refuse it) and every read of it gives
+  // nothing, whatever length the file system claims for it.
+  uni::fileio folder(dir.path(), false, true);
+  ASSERT_TRUE(folder.is_open());
+  if (folder.file_size() > 0) {
+    ASSERT_TRUE(folder.read_block(out, 386, 0));
+    EXPECT_EQ(out, std::vector<uint8_t>(386, 0));
+    EXPECT_EQ(folder.bytes_read(), 0u);
+  }
+}
+
 TEST(UniFileio, WriteAtAndAppendForms) {
   temp_dir dir;
   const std::string p = dir.file("w");

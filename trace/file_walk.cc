@@ -24,11 +24,30 @@ const char kNotAvailable[] = "<not available>";
 // The buffer flag of a buffer whose records are compressed.
 constexpr uint16_t kBufferCompressed = 0x0040;
 
+// True when the last read took from the file every byte asked of it, up to
+// the end of the file. A read that stops short before the end (a folder,
+// whose reads give nothing; a file cut while it is read) ends the walk, so
+// that the walk never goes on over bytes the file didn't give.
+bool read_whole(const uni::fileio& file, uint64_t want, uint64_t pos) {
+  const uint64_t size = file.file_size();
+  return pos < size && file.bytes_read() == std::min(want, size - pos);
+}
+
 // Reads `want` bytes at `pos`, but never more than the largest buffer the
-// reader holds at once; the walk still steps by the full size.
-bool read_capped(uni::fileio& file, std::vector<uint8_t>& buf, uint64_t want, uint64_t pos) {
+// reader holds at once; the walk still steps by the full size. False when
+// the file gave nothing; `whole`, when given, tells whether it gave all. (A
+// first block that comes short leaves the buffer loop nothing to read.)
+bool read_capped(uni::fileio& file, std::vector<uint8_t>& buf, uint64_t want, uint64_t pos,
+                 bool* whole = nullptr) {
   if (want > qv::limits::kMaxBufferRead) want = qv::limits::kMaxBufferRead;
-  return file.read_block(buf, want, pos) && !buf.empty();
+  if (!file.read_block(buf, want, pos) || file.bytes_read() == 0 || buf.empty()) return false;
+  if (whole) *whole = read_whole(file, want, pos);
+  return true;
+}
+
+// The same for a block that must come whole.
+bool read_exact(uni::fileio& file, std::vector<uint8_t>& buf, uint64_t want, uint64_t pos) {
+  return file.read_block(buf, want, pos) && read_whole(file, want, pos);
 }
 
 // A compressed buffer of a regular file becomes an ordinary one in `out`: its
@@ -65,7 +84,7 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
   if (file_size < kFirstProbeSize) return false;
 
   std::vector<uint8_t> block;
-  if (!file.read_block(block, kFirstProbeSize, 0) || block.size() < kFirstProbeSize) return false;
+  if (!read_exact(file, block, kFirstProbeSize, 0) || block.size() < kFirstProbeSize) return false;
 
   subset_target& subset = opts.subset;
   if (subset.on && !subset.file) {
@@ -152,7 +171,7 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
   const bool size_at_4 = is_rlfs || is_headerless;
   for (;;) {
     if (pos >= file_size) break;
-    if (!file.read_block(buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) break;
+    if (!read_exact(file, buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) break;
     buffer_size = rd_u32(buffer.data(), buffer.size(), size_at_4 ? 4 : 0);
     if (buffer_size == 0 || static_cast<uint64_t>(buffer_size) + pos > file_size) {
       if (buffer_size != 0 || !size_at_4) {
@@ -170,7 +189,7 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
           if (!is_buffer_header(buffer.data(), file_size - pos, true)) { stop = true; break; }
           pos += kBufferHeaderSize;
           if (pos > file_size) { stop = true; break; }
-          if (!file.read_block(buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) {
+          if (!read_exact(file, buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) {
             stop = true;
             break;
           }
@@ -179,7 +198,8 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
       }
     }
     if (buffer_size == 0) break;  // the read of zero bytes fails
-    if (!read_capped(file, buffer, buffer_size, pos)) break;
+    bool whole = true;
+    if (!read_capped(file, buffer, buffer_size, pos, &whole)) break;
     if (opts.show_status) {
       ++buffer_count;
       qv::status_line("processing buffer %2d", buffer_count);
@@ -200,6 +220,7 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
     if (engine.subset_enabled && !refused)
       write_subset_buffer(subset, engine, data->data(), static_cast<uint32_t>(data->size()), pos, size_at_4);
     hand_records(engine, sink);
+    if (!whole) break;  // the bytes it gave are read; the file ends there
     pos += buffer_size;
   }
 
