@@ -21,11 +21,29 @@ void complain(const char* text) {
   std::fflush(stderr);
 }
 
+// -jsonl writes one JSON object per event and nothing else: it can't honour
+// the words that shape delimited or timeline text, nor the modes that print
+// something other than event rows.
+constexpr const char* kNotWithJsonl[] = {
+    "-csv", "-csvgen", "-csvl2t", "-bodyfile", "-xml", "-multiline", "-csv_separator",
+    "-enable_quoted_csv_fields", "-no_whitespace", "-pair_datetime", "-dateformat", "-timeformat",
+    "-base10", "-base16", "-hostname", "-username", "-split_pathfile", "-guids", "-stats",
+    "-pullguid", "-extract_bxml", "-providers"};
+
 }  // namespace
 
 bool parse_options(quon_user_opts& o, std::vector<std::string>& args) {
+  if (has_word("-jsonl", args, true)) {
+    for (const char* word : kNotWithJsonl) {
+      if (has_word(word, args, true)) {
+        std::fprintf(stderr, "-jsonl can't be combined with %s\n", word);
+        return false;
+      }
+    }
+  }
   if (!parse_shared(o, args)) return false;
   std::string v;
+  if (has_word("-jsonl", args)) o.report.format_jsonl = true;
 
   if (take_value("-log", v, args)) {
     // Split at the first of "|", "," and ";" that the value holds.
