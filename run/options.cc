@@ -27,7 +27,7 @@ void complain(const char* text) {
 constexpr const char* kNotWithJsonl[] = {
     "-csv", "-csvgen", "-csvl2t", "-bodyfile", "-xml", "-multiline", "-csv_separator",
     "-enable_quoted_csv_fields", "-no_whitespace", "-pair_datetime", "-dateformat", "-timeformat",
-    "-base10", "-base16", "-hostname", "-username", "-split_pathfile", "-guids", "-stats",
+    "-base10", "-base16", "-hostname", "-username", "-guids", "-stats",
     "-pullguid", "-extract_bxml", "-providers"};
 
 }  // namespace

@@ -623,7 +623,7 @@ TEST(Jsonl, EveryInputModeGivesTheSameLinesAndNothingElse) {
 TEST(Jsonl, OptionsItCannotHonourAreRefused) {
   for (const char* word : {"-csv", "-csvgen", "-csvl2t", "-bodyfile", "-xml", "-multiline", "-csv_separator",
                            "-enable_quoted_csv_fields", "-no_whitespace", "-pair_datetime", "-dateformat",
-                           "-timeformat", "-base10", "-base16", "-hostname", "-username", "-split_pathfile", "-guids",
+                           "-timeformat", "-base10", "-base16", "-hostname", "-username", "-guids",
                            "-stats", "-pullguid", "-extract_bxml", "-providers"}) {
     SCOPED_TRACE(word);
     const e2e::run_result r = e2e::run_quon(std::string("-quiet -log x.etl -jsonl ") + word + " v");
