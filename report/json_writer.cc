@@ -37,6 +37,55 @@ constexpr const char* kKindLabels[] = {"0000(00)", "9000(18)", "9000(1c)", "c002
 
 inline bool in_range(uint8_t c, uint8_t lo, uint8_t hi) { return c >= lo && c <= hi; }
 
+// A literal of known length, without the length being counted at run time.
+template <size_t N>
+inline void put(std::string& out, const char (&literal)[N]) {
+  out.append(literal, N - 1);
+}
+
+// Bytes a JSON string can't hold as they stand: controls, the quote, the
+// backslash, and every byte of a multi-byte sequence (checked separately).
+struct plain_byte_table {
+  bool plain[256];
+  constexpr plain_byte_table() : plain() {
+    for (int c = 0; c < 256; ++c) plain[c] = c >= 0x20 && c < 0x80 && c != '"' && c != '\\';
+  }
+};
+constexpr plain_byte_table kPlain;
+
+// The two decimal digits of 0 to 99.
+struct digit_pair_table {
+  char pairs[100][2];
+  constexpr digit_pair_table() : pairs() {
+    for (int i = 0; i < 100; ++i) {
+      pairs[i][0] = char('0' + i / 10);
+      pairs[i][1] = char('0' + i % 10);
+    }
+  }
+};
+constexpr digit_pair_table kDigitPairs;
+
+// `v` in decimal, at least `width` digits (up to 20), two digits a step.
+void append_uint(std::string& out, uint64_t v, size_t width = 1) {
+  char buf[20];
+  char* p = buf + sizeof buf;
+  while (v >= 100) {
+    const char* pair = kDigitPairs.pairs[v % 100];
+    v /= 100;
+    *--p = pair[1];
+    *--p = pair[0];
+  }
+  if (v >= 10) {
+    *--p = kDigitPairs.pairs[v][1];
+    *--p = kDigitPairs.pairs[v][0];
+  } else {
+    *--p = char('0' + v);
+  }
+  if (width > sizeof buf) width = sizeof buf;
+  while (static_cast<size_t>(buf + sizeof buf - p) < width) *--p = '0';
+  out.append(p, static_cast<size_t>(buf + sizeof buf - p));
+}
+
 // The length of the well-formed UTF-8 sequence at `p` (2 to 4; surrogate
 // code points are not well-formed), or 0 with `bad` set to the length of its
 // longest ill-formed beginning (at least 1), which becomes one U+FFFD.
@@ -99,16 +148,6 @@ void append_utf8(std::string& out, uint32_t cp) {
   out.append(b, n);
 }
 
-void append_decimal_digits(std::string& out, uint64_t v, size_t width) {
-  char buf[20];
-  size_t at = sizeof buf;
-  do {
-    buf[--at] = char('0' + v % 10);
-    v /= 10;
-  } while (v != 0 && at > 0);
-  while (sizeof buf - at < width && at > 0) buf[--at] = '0';
-  out.append(buf + at, sizeof buf - at);
-}
 
 void append_string(std::string& out, const std::string& s) {
   out += '"';
@@ -123,7 +162,7 @@ void append_guid_string(std::string& out, const uint8_t* guid) {
 }
 
 void append_hex_string(std::string& out, uint64_t v) {
-  out += "\"0x";
+  put(out, "\"0x");
   append_hex(out, v, 16);
   out += '"';
 }
@@ -133,7 +172,7 @@ void append_hex_string(std::string& out, uint64_t v) {
 template <typename T>
 void append_json_float(std::string& out, T v) {
   if (std::isnan(v)) {
-    out += "\"NaN\"";
+    put(out, "\"NaN\"");
     return;
   }
   if (std::isinf(v)) {
@@ -200,7 +239,7 @@ void append_time_raw(std::string& out, const decoded_field& f) {
 // form as the data column of the rows (text first, then bytes, then number).
 void append_field_value(std::string& out, const decoded_field& f) {
   if (f.missing) {
-    out += "null";
+    put(out, "null");
     return;
   }
   if (!f.text.empty()) {
@@ -219,13 +258,14 @@ void append_field_value(std::string& out, const decoded_field& f) {
   }
   const uint8_t family = f.subtype >> 4;
   if (family == 0xC || family == 0xE) {  // skips show no number
-    out += "\"\"";
+    put(out, "\"\"");
     return;
   }
   switch (f.type) {
     case 13:  // BOOLEAN
     case 125:
-      out += f.number != 0 ? "true" : "false";
+      if (f.number != 0) put(out, "true");
+      else put(out, "false");
       return;
     case 11:  // FLOAT
       if (f.size == 4) {
@@ -314,7 +354,7 @@ void append_message_value(std::string& msg, const char* value, size_t n) {
     at += step;
   }
   msg.append(p, at);
-  msg += "...";
+  put(msg, "...");
 }
 
 uint64_t hash_key(const char* p, size_t n) {
@@ -341,7 +381,7 @@ void append_json_text(std::string& out, const char* text, size_t n) {
   size_t i = 0, run = 0;
   while (i < n) {
     const uint8_t c = p[i];
-    if (c >= 0x20 && c < 0x80 && c != '"' && c != '\\') {
+    if (kPlain.plain[c]) {
       ++i;
       continue;
     }
@@ -357,7 +397,7 @@ void append_json_text(std::string& out, const char* text, size_t n) {
         case '\r': out += 'r'; break;
         case '\t': out += 't'; break;
         default:
-          out += "u00";
+          put(out, "u00");
           out += kHexDigits[c >> 4];
           out += kHexDigits[c & 0xF];
           break;
@@ -396,10 +436,10 @@ void append_json_text(std::string& out, const char* text, size_t n) {
 
 void append_json_uint(std::string& out, uint64_t v) {
   if (v <= kJsonExactLimit) {
-    append_decimal(out, v);
+    append_uint(out, v);
   } else {
     out += '"';
-    append_decimal(out, v);
+    append_uint(out, v);
     out += '"';
   }
 }
@@ -410,26 +450,26 @@ void append_json_int(std::string& out, int64_t v) {
   const bool exact = magnitude <= kJsonExactLimit;
   if (!exact) out += '"';
   out += '-';
-  append_decimal(out, magnitude);
+  append_uint(out, magnitude);
   if (!exact) out += '"';
 }
 
 void append_iso_time(std::string& out, uint64_t ticks) {
   qv::_windows_systemtime st;
   if (!qv::is_valid_filetime(ticks) || !qv::filetime_to_systemtime(ticks, st)) return;
-  append_decimal_digits(out, st.wYear, 4);
+  append_uint(out, st.wYear, 4);
   out += '-';
-  append_decimal_digits(out, st.wMonth, 2);
+  append_uint(out, st.wMonth, 2);
   out += '-';
-  append_decimal_digits(out, st.wDay, 2);
+  append_uint(out, st.wDay, 2);
   out += 'T';
-  append_decimal_digits(out, st.wHour, 2);
+  append_uint(out, st.wHour, 2);
   out += ':';
-  append_decimal_digits(out, st.wMinute, 2);
+  append_uint(out, st.wMinute, 2);
   out += ':';
-  append_decimal_digits(out, st.wSecond, 2);
+  append_uint(out, st.wSecond, 2);
   out += '.';
-  append_decimal_digits(out, st.nanosecond, 9);
+  append_uint(out, st.nanosecond, 9);
   out += 'Z';
 }
 
@@ -499,7 +539,7 @@ void json_key_set::make_unique(std::string& key) {
   for (;;) {
     key.resize(base_length);
     key += '_';
-    append_decimal(key, n);
+    append_uint(key, n);
     ++n;
     h = hash_key(key.data(), key.size());
     if (!find(key.data(), key.size(), h, slot)) break;
@@ -512,55 +552,55 @@ void json_key_set::make_unique(std::string& key) {
 
 void compose_trace_keys(std::string& out, const file_opening& file) {
   const log_header* h = file.header;
-  out += ",\"trace_file\":";
+  put(out, ",\"trace_file\":");
   if (file.file_name) append_string(out, *file.file_name);
-  else out += "null";
-  out += ",\"trace_kind\":";
+  else put(out, "null");
+  put(out, ",\"trace_kind\":");
   switch (file.kind) {
-    case trace_file_kind::regular: out += "\"regular\""; break;
-    case trace_file_kind::rlfs: out += "\"RlFs\""; break;
-    case trace_file_kind::headerless: out += "\"headerless\""; break;
+    case trace_file_kind::regular: put(out, "\"regular\""); break;
+    case trace_file_kind::rlfs: put(out, "\"RlFs\""); break;
+    case trace_file_kind::headerless: put(out, "\"headerless\""); break;
   }
-  out += ",\"trace_source_path\":";
+  put(out, ",\"trace_source_path\":");
   if (h && !h->LogFileName.empty()) append_string(out, h->LogFileName);
-  else out += "null";
-  out += ",\"trace_session\":";
+  else put(out, "null");
+  put(out, ",\"trace_session\":");
   if (h && !h->LoggerName.empty()) append_string(out, h->LoggerName);
-  else out += "null";
-  out += ",\"trace_build\":";
+  else put(out, "null");
+  put(out, ",\"trace_build\":");
   if (h) append_json_uint(out, h->ProviderVersion);
-  else out += "null";
-  out += ",\"trace_pointer_size\":";
+  else put(out, "null");
+  put(out, ",\"trace_pointer_size\":");
   if (h) append_json_uint(out, h->PointerSize);
-  else out += "null";
-  out += ",\"trace_clock\":";
+  else put(out, "null");
+  put(out, ",\"trace_clock\":");
   if (h) out += h->clock.is_qpc ? "\"qpc\"" : h->clock.is_cycle_counter ? "\"cpu_cycles\"" : "\"filetime\"";
-  else out += "null";
+  else put(out, "null");
   // The start of an "RlFs" or headerless file is the time word of its first
   // header.
   const uint64_t start = h ? h->StartTime : qv::rd_u64(file.first_block, file.first_block ? 72 : 0, 24);
-  out += ",\"trace_start\":";
+  put(out, ",\"trace_start\":");
   if (qv::is_valid_filetime(start)) {
     out += '"';
     append_iso_time(out, start);
     out += '"';
   } else {
-    out += "null";
+    put(out, "null");
   }
-  out += ",\"trace_end\":";
+  put(out, ",\"trace_end\":");
   if (h && qv::is_valid_filetime(h->EndTime)) {
     out += '"';
     append_iso_time(out, h->EndTime);
     out += '"';
   } else {
-    out += "null";
+    put(out, "null");
   }
-  out += ",\"trace_log_file_mode\":";
+  put(out, ",\"trace_log_file_mode\":");
   if (h) append_json_uint(out, h->LogFileMode);
-  else out += "null";
-  out += ",\"trace_events_lost\":";
+  else put(out, "null");
+  put(out, ",\"trace_events_lost\":");
   if (h) append_json_uint(out, h->EventsLost);
-  else out += "null";
+  else put(out, "null");
 }
 
 void append_json_event(std::string& out, const etl_record& r, const std::string& trace_keys,
@@ -576,8 +616,8 @@ void append_json_event(std::string& out, const etl_record& r, const std::string&
     ++counter;
     s.key.clear();
     if (f.name.empty()) {
-      s.key += "field_";
-      append_decimal_digits(s.key, counter, 2);
+      put(s.key, "field_");
+      append_uint(s.key, counter, 2);
     } else {
       append_json_text(s.key, f.name);
     }
@@ -585,7 +625,7 @@ void append_json_event(std::string& out, const etl_record& r, const std::string&
     if (counter > 1) s.fields += ',';
     s.fields += '"';
     s.fields += s.key;
-    s.fields += "\":";
+    put(s.fields, "\":");
     const size_t value_at = s.fields.size();
     field_time t;
     const bool is_time = time_of(f, t);
@@ -594,14 +634,15 @@ void append_json_event(std::string& out, const etl_record& r, const std::string&
       append_iso_time(s.fields, t.ticks);
       s.fields += '"';
     } else if (is_time) {
-      s.fields += "null";
+      put(s.fields, "null");
     } else {
       append_field_value(s.fields, f);
     }
     const size_t value_end = s.fields.size();
 
     if (named < kMessageFields) {
-      s.message += named == 0 ? ": " : ", ";
+      if (named == 0) put(s.message, ": ");
+      else put(s.message, ", ");
       ++named;
       const char* value = s.fields.data() + value_at;
       const size_t value_size = value_end - value_at;
@@ -615,98 +656,100 @@ void append_json_event(std::string& out, const etl_record& r, const std::string&
     }
 
     if (is_time) {
-      s.key += "_raw";
+      put(s.key, "_raw");
       s.keys.make_unique(s.key);
-      s.fields += ",\"";
+      put(s.fields, ",\"");
       s.fields += s.key;
-      s.fields += "\":";
+      put(s.fields, "\":");
       append_time_raw(s.fields, f);
     }
   }
 
-  out += "{\"message\":\"";
+  put(out, "{\"message\":\"");
   if (!r.valid) {
-    out += "corrupted record";
+    put(out, "corrupted record");
   } else {
     if (!r.provider_name.empty()) append_json_text(out, r.provider_name);
     else qv::append_guid_text(out, r.provider_id.data());
-    out += " event ";
-    append_decimal(out, shown_event_id(r));
+    put(out, " event ");
+    append_uint(out, shown_event_id(r));
     out += s.message;
   }
-  out += "\",\"datetime\":";
+  put(out, "\",\"datetime\":");
   const bool dated = qv::is_valid_filetime(r.absolute_time);
   if (dated) {
     out += '"';
     append_iso_time(out, r.absolute_time);
-    out += "\",\"timestamp\":";
+    put(out, "\",\"timestamp\":");
     // Microseconds since 1970, rounded down (also before 1970).
     const int64_t since = static_cast<int64_t>(r.absolute_time - kUnixEpochTicks);
     const int64_t micros = since >= 0 ? since / 10 : -((-since + 9) / 10);
     if (micros < 0) {
       out += '-';
-      append_decimal(out, uint64_t{0} - static_cast<uint64_t>(micros));
+      append_uint(out, uint64_t{0} - static_cast<uint64_t>(micros));
     } else {
-      append_decimal(out, static_cast<uint64_t>(micros));
+      append_uint(out, static_cast<uint64_t>(micros));
     }
-    out += ",\"timestamp_desc\":\"Event Recorded\"";
+    put(out, ",\"timestamp_desc\":\"Event Recorded\"");
   } else {
-    out += "null,\"timestamp\":null,\"timestamp_desc\":\"Event Recorded\",\"time_raw\":";
+    put(out, "null,\"timestamp\":null,\"timestamp_desc\":\"Event Recorded\",\"time_raw\":");
     append_json_uint(out, r.raw_time);
   }
 
-  out += ",\"provider_guid\":";
+  put(out, ",\"provider_guid\":");
   append_guid_string(out, r.provider_id.data());
-  out += ",\"provider_name\":";
-  if (r.provider_name.empty()) out += "null";
+  put(out, ",\"provider_name\":");
+  if (r.provider_name.empty()) put(out, "null");
   else append_string(out, r.provider_name);
-  out += ",\"event_id\":";
-  append_decimal(out, shown_event_id(r));
-  out += ",\"version\":";
-  append_decimal(out, r.version);
-  out += ",\"channel\":";
-  append_decimal(out, r.channel);
-  out += ",\"level\":";
-  append_decimal(out, r.level);
-  out += ",\"opcode\":";
-  append_decimal(out, r.opcode);
-  out += ",\"task\":";
-  append_decimal(out, r.task);
-  out += ",\"keywords\":";
+  put(out, ",\"event_id\":");
+  append_uint(out, shown_event_id(r));
+  put(out, ",\"version\":");
+  append_uint(out, r.version);
+  put(out, ",\"channel\":");
+  append_uint(out, r.channel);
+  put(out, ",\"level\":");
+  append_uint(out, r.level);
+  put(out, ",\"opcode\":");
+  append_uint(out, r.opcode);
+  put(out, ",\"task\":");
+  append_uint(out, r.task);
+  put(out, ",\"keywords\":");
   append_hex_string(out, r.keyword);
-  out += ",\"process_id\":";
-  append_decimal(out, r.process_id);
-  out += ",\"thread_id\":";
-  append_decimal(out, r.thread_id);
-  out += ",\"processor\":";
-  append_decimal(out, r.processor);
-  out += ",\"activity_id\":";
+  put(out, ",\"process_id\":");
+  append_uint(out, r.process_id);
+  put(out, ",\"thread_id\":");
+  append_uint(out, r.thread_id);
+  put(out, ",\"processor\":");
+  append_uint(out, r.processor);
+  put(out, ",\"activity_id\":");
   append_guid_string(out, r.activity_id.data());
   if (const decoded_field* related = related_activity(r)) {
-    out += ",\"related_activity_id\":";
+    put(out, ",\"related_activity_id\":");
     append_guid_string(out, related->bytes.data());
   }
-  out += ",\"processor_time\":";
+  put(out, ",\"processor_time\":");
   append_hex_string(out, r.time_word);
-  out += ",\"header_kind\":\"";
+  put(out, ",\"header_kind\":\"");
   if (r.kind < sizeof kKindLabels / sizeof kKindLabels[0]) {
     out += kKindLabels[r.kind];
   } else {
-    out += "kind ";
-    append_decimal(out, r.kind);
+    put(out, "kind ");
+    append_uint(out, r.kind);
   }
-  out += "\",\"record_size\":";
-  append_decimal(out, r.size);
-  out += ",\"file_offset\":";
+  put(out, "\",\"record_size\":");
+  append_uint(out, r.size);
+  put(out, ",\"file_offset\":");
   append_json_uint(out, r.file_offset);
-  out += ",\"logger_id\":";
-  append_decimal(out, r.logger_id);
-  out += r.valid ? ",\"damaged\":false" : ",\"damaged\":true";
-  out += r.guessed ? ",\"guessed\":true" : ",\"guessed\":false";
+  put(out, ",\"logger_id\":");
+  append_uint(out, r.logger_id);
+  if (r.valid) put(out, ",\"damaged\":false");
+  else put(out, ",\"damaged\":true");
+  if (r.guessed) put(out, ",\"guessed\":true");
+  else put(out, ",\"guessed\":false");
   out += trace_keys;
-  out += ",\"fields\":{";
+  put(out, ",\"fields\":{");
   out += s.fields;
-  out += "}}\n";
+  put(out, "}}\n");
 }
 
 // ---- sink ------------------------------------------------------------------
