@@ -372,6 +372,12 @@ uint16_t shown_event_id(const etl_record& r) {
   return (r.kind == kind_c002 || r.kind == kind_c011) ? r.hook_id : r.event_id;
 }
 
+// The event's version: the descriptor's, or for the classic headers (which
+// have no descriptor) the Version word they start with.
+uint16_t shown_version(const etl_record& r) {
+  return (r.kind == kind_c002 || r.kind == kind_c011 || r.kind == kind_other) ? r.flags_or_version : r.version;
+}
+
 }  // namespace
 
 // ---- values ----------------------------------------------------------------
@@ -704,7 +710,7 @@ void append_json_event(std::string& out, const etl_record& r, const std::string&
   put(out, ",\"event_id\":");
   append_uint(out, shown_event_id(r));
   put(out, ",\"version\":");
-  append_uint(out, r.version);
+  append_uint(out, shown_version(r));
   put(out, ",\"channel\":");
   append_uint(out, r.channel);
   put(out, ",\"level\":");

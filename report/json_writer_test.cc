@@ -391,6 +391,7 @@ TEST(JsonLine, MessageNamesProviderIdAndTheFirstFields) {
 
   etl_record kernel = event_record();
   kernel.kind = kind_c002;
+  kernel.flags_or_version = 4;  // the classic header's Version
   kernel.hook_id = 0x0301;
   kernel.event_id = 0x0301;
   kernel.provider_name.clear();
@@ -400,6 +401,7 @@ TEST(JsonLine, MessageNamesProviderIdAndTheFirstFields) {
   EXPECT_EQ(j.at("event_id"), 769);
   EXPECT_TRUE(j.at("provider_name").is_null());
   EXPECT_EQ(j.at("header_kind"), "c002(10)");
+  EXPECT_EQ(j.at("version"), 4);
 }
 
 TEST(JsonLine, DamagedRecordsSaySo) {
