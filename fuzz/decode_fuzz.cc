@@ -1,7 +1,9 @@
 // Fuzz target for payload decoding: arbitrary bytes as a payload walked by
 // a template taken from the input, as a TraceLogging schema, and as input to
 // the guessing engine and the device formatters. Everything read must stay
-// inside the input, which stands for the trace buffer.
+// inside the input, which stands for the trace buffer. The decoded fields
+// are written as a row's data column and as a JSON line, which must read as
+// strict JSON (a hostile provider name and file name included).
 //
 // Input layout:
 //   byte 0       mode: bit 0 pointers are 64-bit, bits 1-2 what to run
@@ -19,17 +21,32 @@
 #include "decode/payload_decoder.h"
 #include "decode/render.h"
 #include "decode/tracelogging.h"
+#include "fuzz/json_check.h"
+#include "report/json_writer.h"
 #include "support/byte_reader.h"
 #include "templates/template_store.h"
+#include "trace/etl_record.h"
+#include "trace/log_header.h"
 
 namespace {
 
 const char* const kNames[] = {"", "A", "Name", "Pad", "skip", "x"};
 
-void render(decoded_fields& fields) {
+// The JSON line of the record that holds the fields: one strict object, one
+// line end, nothing else.
+void write_json(const etl_record& record, const std::string& trace_keys) {
+  thread_local std::string line;
+  thread_local json_scratch scratch;
+  line.clear();
+  append_json_event(line, record, trace_keys, scratch);
+  if (!json_check::is_json_lines(line)) __builtin_trap();
+}
+
+void render(etl_record& record, const std::string& trace_keys) {
+  write_json(record, trace_keys);
   thread_local std::string out;
   out.clear();
-  render_fields(out, fields);
+  render_fields(out, record.fields);
 }
 
 }  // namespace
@@ -56,12 +73,32 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // reads run on into the bytes behind it.
   const size_t payload_size = rest_size == 0 ? 0 : rest_size - (split % (rest_size + 1));
 
-  decoded_fields fields;
+  // The record around the fields, its texts taken from the input too.
+  etl_record record;
+  decoded_fields& fields = record.fields;
   const uint64_t base = 0x10000;
+  const size_t text_size = rest_size < 24 ? rest_size : 24;
+  record.provider_name.assign(reinterpret_cast<const char*>(rest), text_size);
+  record.kind = split % 11;
+  record.valid = record.kind != 0 && record.kind != 9;
+  record.flags_or_version = split & 1;
+  record.file_offset = base - 80;
+  record.absolute_time = qv::rd_u64(rest, rest_size, 0);
+  record.raw_time = qv::rd_u64(rest, rest_size, 8);
+  log_header header;
+  header.LoggerName.assign(reinterpret_cast<const char*>(rest), text_size / 2);
+  header.LogFileName.assign(reinterpret_cast<const char*>(rest) + text_size / 2, text_size - text_size / 2);
+  header.StartTime = record.raw_time;
+  const std::string file_name(reinterpret_cast<const char*>(data), pos);
+  file_opening file;
+  file.file_name = &file_name;
+  file.header = &header;
+  std::string trace_keys;
+  compose_trace_keys(trace_keys, file);
   switch ((mode >> 1) & 3) {
     case 0: {
       walk_template(tmpl, fields, rest, uint32_t(payload_size), end, base, pointers_are_64);
-      render(fields);
+      render(record, trace_keys);
       template_store store;
       qv::guid16 guid{};
       tmpl.digest = template_digest{{1}};
@@ -71,7 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       bool guessed = false;
       decode_payload(fields, base, &guid, 1, -1, rest, uint32_t(payload_size), end, &store,
                      pointers_are_64, false, guessed);
-      render(fields);
+      render(record, trace_keys);
       break;
     }
     case 1: {
@@ -81,13 +118,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const size_t behind = used < rest_size ? used : rest_size;
         walk_template(schema, fields, rest + behind, uint32_t(rest_size - behind), end, base,
                       pointers_are_64);
-        render(fields);
+        render(record, trace_keys);
       }
       break;
     }
     case 2:
       guess_payload(fields, base, rest, uint32_t(payload_size), false);
-      render(fields);
+      render(record, trace_keys);
       break;
     default: {
       const uint16_t code = uint16_t(0x8006 + (split % 18));
@@ -97,7 +134,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         format_sqm_payload(fields, rest, int32_t(payload_size), end, base);
         format_usb_iso_packets(fields, rest, int32_t(payload_size), end, base, split);
       }
-      render(fields);
+      render(record, trace_keys);
       break;
     }
   }

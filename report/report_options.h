@@ -25,6 +25,8 @@ struct report_options {
   bool format_csvgen = false;
   bool format_bodyfile = false;
   bool format_multiline = false;
+  // -jsonl: one JSON object per event (json_writer.h) instead of all the above.
+  bool format_jsonl = false;
 
   // Date and time text of the time cells.
   std::string date_format = "yyyy-mm-dd";

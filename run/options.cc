@@ -90,6 +90,14 @@ bool parse_guid_option(const std::string& text, qv::guid16& out) {
   std::copy(bytes.begin(), bytes.end(), out.begin());
   return true;
 }
+// -jsonl writes one JSON object per event and nothing else: it can't honour
+// the words that shape delimited or timeline text, nor the modes that print
+// something other than event rows.
+constexpr const char* kNotWithJsonl[] = {
+    "-csv", "-csvgen", "-csvl2t", "-bodyfile", "-xml", "-multiline", "-csv_separator",
+    "-enable_quoted_csv_fields", "-no_whitespace", "-pair_datetime", "-dateformat", "-timeformat",
+    "-base10", "-base16", "-hostname", "-username", "-guids", "-stats",
+    "-pullguid", "-extract_bxml", "-providers"};
 
 }  // namespace
 
@@ -97,8 +105,17 @@ bool parse_options(quon_user_opts& o, std::vector<std::string>& args) {
   o.output_check = [inputs = named_inputs(args)](const std::string& path) {
     return output_allowed(path, inputs);
   };
+  if (has_word("-jsonl", args, true)) {
+    for (const char* word : kNotWithJsonl) {
+      if (has_word(word, args, true)) {
+        std::fprintf(stderr, "-jsonl can't be combined with %s\n", word);
+        return false;
+      }
+    }
+  }
   if (!parse_shared(o, args)) return false;
   std::string v;
+  if (has_word("-jsonl", args)) o.report.format_jsonl = true;
 
   if (take_value("-log", v, args)) split_log_list(v, o.log_files);
   if (take_value("-templates", v, args)) {

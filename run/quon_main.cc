@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "report/event_row.h"
+#include "report/json_writer.h"
 #include "run/dependency_tools.h"
 #include "run/options.h"
 #include "support/console.h"
@@ -118,6 +119,10 @@ bool walk_file(std::ostream& report_out, uni::fileio& file, quon_user_opts& opts
   if (opts.walk.list_guids || opts.walk.list_stats) {
     listing_sink listing(report_out, opts.engine, opts.walk.list_stats);
     return walk_trace_file(file, opts.walk, opts.engine, listing);
+  }
+  if (opts.report.format_jsonl) {
+    json_sink json(report_out);
+    return walk_trace_file(file, opts.walk, opts.engine, json);
   }
   row_sink rows(report_out, opts.report);
   return walk_trace_file(file, opts.walk, opts.engine, rows);
@@ -239,9 +244,9 @@ int quon_main(int argc, char** argv) {
     }
     report_out = results->get_ostream();
   }
-  // A subset trace holds nothing but trace data: the header text that would
-  // go to the same file is left out.
-  if (!opts.walk.subset.on) {
+  // A subset trace holds nothing but trace data, and JSON Lines nothing but
+  // events: the header text that would go to the same stream is left out.
+  if (!opts.walk.subset.on && !opts.report.format_jsonl) {
     prologue += '\n';
     report_out->write(prologue.data(), static_cast<std::streamsize>(prologue.size()));
   }

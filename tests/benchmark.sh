@@ -1,6 +1,7 @@
 #!/bin/sh
-# Throughput of the default output with full decoding: writes a large trace
-# with the trace writer (once) and times quon over it.
+# Throughput of the default output, -csv, -csvl2t and -jsonl with full
+# decoding: writes a large trace with the trace writer (once) and times quon
+# over it.
 #   benchmark.sh <quon> <write_trace> [megabytes]
 set -eu
 quon=$1
@@ -21,7 +22,7 @@ echo "start-up (template load included): $(echo "($end - $start) * 1000" | bc -l
 
 # The output goes through a pipe to a line count, so that the figures are
 # those of the reader and not of the disk it would write to.
-for mode in "" "-csv" "-csvl2t"; do
+for mode in "" "-csv" "-csvl2t" "-jsonl"; do
   start=$(date +%s.%N)
   rows=$( { /usr/bin/time -f "%M" -o "$dir/rss" "$quon" -quiet $mode -log "$trace"; } | wc -l)
   end=$(date +%s.%N)
