@@ -378,6 +378,7 @@ bool index_template_block(template_store& store, std::vector<uint8_t>&& bytes) {
   }
   store.block = std::move(bytes);
   store.block_field_names = std::move(field_names);
+  store.link_pending = link_pending_records;
   return true;
 }
 

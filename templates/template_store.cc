@@ -3,7 +3,6 @@
 #include <charconv>
 #include <new>
 
-#include "templates/template_block.h"
 
 void reset(template_source& source) {
   source.records.clear();
@@ -129,7 +128,7 @@ const event_template* find_event_template(template_store& store, const qv::guid1
   auto p = store.providers.find(guid);
   if (p == store.providers.end()) return nullptr;
   provider_entry& entry = p->second;
-  if (!entry.pending.empty()) link_pending_records(store, entry);
+  if (!entry.pending.empty() && store.link_pending) store.link_pending(store, entry);
   const uint16_t build = build_key(store);
 
   auto versioned = entry.versioned.find(event_id);
@@ -241,6 +240,7 @@ void clear(template_store& store) {
   store.block.shrink_to_fit();
   store.block_field_names.clear();
   store.block_field_names.shrink_to_fit();
+  store.link_pending = nullptr;
 }
 
 void set_trace_build(template_store& store, uint32_t build) { store.trace_build = build; }

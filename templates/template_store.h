@@ -74,6 +74,10 @@ struct template_store {
   // and its field name table as places in it.
   std::vector<uint8_t> block;
   std::vector<block_text> block_field_names;
+  // Links the records that wait in an entry; set by the block's indexer, so
+  // that a lookup can unpack a provider without the store knowing the
+  // block's format.
+  void (*link_pending)(template_store& store, provider_entry& entry) = nullptr;
 };
 
 // ---- Parse-time objects -----------------------------------------------------
