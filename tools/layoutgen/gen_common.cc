@@ -114,7 +114,8 @@ std::vector<std::string> split_lines(const std::string& text) {
 }
 
 hand_checked_keys read_hand_checked_keys(const std::string& data_dir,
-                                         std::vector<std::string>* files_read) {
+                                         std::vector<std::string>* files_read,
+                                         std::set<std::string>* named) {
   hand_checked_keys keys;
   std::vector<std::string> names;
   if (DIR* d = opendir(data_dir.c_str())) {
@@ -132,13 +133,16 @@ hand_checked_keys read_hand_checked_keys(const std::string& data_dir,
     if (!load_template_text(source, data_dir + "/" + name)) continue;
     if (files_read) files_read->push_back(name);
     for (const template_record& r : source.records) {
-      if (r.words.empty()) continue;
       char text[40];
       const uint8_t* g = r.guid.data();
       std::snprintf(text, sizeof text,
                     "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
                     g[3], g[2], g[1], g[0], g[5], g[4], g[7], g[6], g[8], g[9], g[10], g[11],
                     g[12], g[13], g[14], g[15]);
+      if (r.words.empty()) {
+        if (named && r.provider_index != 0) named->insert(text);
+        continue;
+      }
       if (r.range_hi != 0)
         for (uint32_t id = r.range_lo; id <= r.range_hi; ++id) keys.emplace(text, uint16_t(id));
       for (uint16_t id : r.ids) keys.emplace(text, id);

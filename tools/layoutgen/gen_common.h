@@ -72,8 +72,10 @@ std::vector<std::string> split_lines(const std::string& text);
 // define: every "*.txt" there whose name doesn't start with "gen_". Their
 // layouts win for every version and build, so generated lines leave them out.
 using hand_checked_keys = std::set<std::pair<std::string, uint16_t>>;
+// `named`, when given, receives the GUIDs that those files name ("#{guid} ! Name").
 hand_checked_keys read_hand_checked_keys(const std::string& data_dir,
-                                         std::vector<std::string>* files_read = nullptr);
+                                         std::vector<std::string>* files_read = nullptr,
+                                         std::set<std::string>* named = nullptr);
 bool is_hand_checked(const hand_checked_keys& keys, const std::string& guid, uint16_t id);
 
 // What one source did (counted over the layouts written), printed on standard error at the end of a run.
