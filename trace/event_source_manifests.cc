@@ -63,6 +63,7 @@ manifest_chunk take_manifest_chunk(event_source_manifests& m, template_store& st
       }
       found->second.total_chunks = envelope.total_chunks;
       found->second.next_chunk = 0;
+      found->second.first_offset = file_offset;
       found->second.bytes.clear();
     } else if (found == m.in_flight.end() || found->second.total_chunks != envelope.total_chunks ||
                found->second.next_chunk != envelope.chunk_number) {
@@ -79,6 +80,7 @@ manifest_chunk take_manifest_chunk(event_source_manifests& m, template_store& st
 
     // Complete.
     std::vector<uint8_t> xml = std::move(g.bytes);
+    const uint64_t first_offset = g.first_offset;
     m.in_flight.erase(found);
     const template_digest digest =
         digest_of(std::string(reinterpret_cast<const char*>(xml.data()), xml.size()));
@@ -98,7 +100,7 @@ manifest_chunk take_manifest_chunk(event_source_manifests& m, template_store& st
     ++m.counts.read;
     m.counts.layouts += static_cast<size_t>(learned);
     if (m.keep_text) {
-      m.text += "// manifest of {" + manifest_guid_text(provider) + "} at offset " + std::to_string(file_offset) +
+      m.text += "// manifest of {" + manifest_guid_text(provider) + "} at offset " + std::to_string(first_offset) +
                 "\n";
       m.text += text;
     }

@@ -48,6 +48,7 @@ enum class manifest_chunk : uint8_t {
 struct manifest_gathering {
   uint16_t total_chunks = 0;
   uint16_t next_chunk = 0;
+  uint64_t first_offset = 0;  // file offset of the record of chunk 0
   std::vector<uint8_t> bytes;
 };
 
@@ -70,7 +71,7 @@ struct event_source_manifests {
 };
 
 // Takes one manifest event's chunk for `provider`; `file_offset` is the
-// record's, for the comment above the manifest's text.
+// record's (that of chunk 0 goes into the comment above the manifest's text).
 manifest_chunk take_manifest_chunk(event_source_manifests& m, template_store& store, const qv::guid16& provider,
                                    const manifest_envelope& envelope, uint64_t file_offset);
 
