@@ -7,7 +7,11 @@
 // the earlier events too. Every expected value is worked out from the bytes
 // written here.
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
 
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -358,4 +362,66 @@ TEST(EventSourceManifests, ManifestsModeWritesTemplateTextThatDecodesEarlierEven
   // Without a trace the mode is refused, as -stats is.
   const e2e::run_result bare = e2e::run_quon("-manifests");
   EXPECT_NE(bare.err.find("This option requires -log <etl file>"), std::string::npos) << bare.err;
+}
+
+// The TplEventSource of a real .NET Core trace: 20 records of the provider
+// (found by scanning the file for EVENT_HEADER records that name its GUID),
+// the manifest at offset 920992 and again at 8891560, 8 events before it and
+// 10 after. Those after decode with the manifest's templates, nothing left
+// to the guesser; those before are guessed as before.
+TEST(EventSourceManifests, TplEventSourceOfARealTrace) {
+  struct stat st;
+  const std::string path = std::string(QUON_SAMPLES_DIR) + "/perfview/diaghub-user-paged.etl";
+  if (::stat(path.c_str(), &st) != 0) GTEST_SKIP() << "no samples folder";
+  const e2e::run_result r = e2e::run_quon("-quiet -jsonl -log " + path);
+  ASSERT_EQ(r.status, 0);
+  const std::string tpl = "2e5dba47-a3d2-4d16-8ee0-6671ffdcd7b5";
+  std::vector<nlohmann::json> rows;
+  std::istringstream lines(r.out);
+  for (std::string line; std::getline(lines, line);) {
+    nlohmann::json j = nlohmann::json::parse(line);
+    if (j["provider_guid"] == tpl) rows.push_back(j);
+  }
+  ASSERT_EQ(rows.size(), 20u);
+  size_t before = 0, after = 0, manifests = 0;
+  for (const nlohmann::json& j : rows) {
+    const uint64_t offset = j["file_offset"];
+    if (j["event_id"] == 65534) {
+      ++manifests;
+      EXPECT_FALSE(j["guessed"].get<bool>());
+      const nlohmann::json& f = j["fields"];
+      EXPECT_EQ(f["Format"], 1);
+      EXPECT_EQ(f["Magic"], 0x5B);
+      EXPECT_EQ(f["TotalChunks"], 1);
+      EXPECT_EQ(f["ChunkNumber"], 0);
+      EXPECT_EQ(f["ManifestText"].get<std::string>().rfind("<instrumentationManifest", 0), 0u);
+    } else if (offset < 920992) {
+      ++before;
+      EXPECT_TRUE(j["guessed"].get<bool>()) << j.dump();
+    } else {
+      ++after;
+      EXPECT_FALSE(j["guessed"].get<bool>()) << j.dump();
+      for (const auto& [key, value] : j["fields"].items()) EXPECT_EQ(key.rfind("guess_", 0), std::string::npos) << key;
+    }
+  }
+  EXPECT_EQ(manifests, 2u);
+  EXPECT_EQ(before, 8u);
+  EXPECT_EQ(after, 10u);
+  // The first event after the manifest (offset 938896): TaskScheduled,
+  // version 1, six Int32 values behind the provider-traits item: 01000000
+  // 00000000 01000000 00000000 08200000 01000000.
+  const nlohmann::json* first = nullptr;
+  for (const nlohmann::json& j : rows)
+    if (j["file_offset"] == 938896) first = &j;
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ((*first)["event_id"], 7);
+  EXPECT_EQ((*first)["version"], 1);
+  const nlohmann::json& f = (*first)["fields"];
+  EXPECT_EQ(f["TaskScheduled"], "{guess}");
+  EXPECT_EQ(f["OriginatingTaskSchedulerID"], 1);
+  EXPECT_EQ(f["OriginatingTaskID"], 0);
+  EXPECT_EQ(f["TaskID"], 1);
+  EXPECT_EQ(f["CreatingTaskID"], 0);
+  EXPECT_EQ(f["TaskCreationOptions"], 0x2008);
+  EXPECT_EQ(f["appDomain"], 1);
 }
