@@ -359,6 +359,21 @@ TEST(EventSourceManifests, ManifestsModeWritesTemplateTextThatDecodesEarlierEven
   EXPECT_EQ(cells[0], kTick0);
   EXPECT_EQ(cells[3], kTick0);
   EXPECT_EQ(cells[4], kTick1);
+  // The same lines as modsift writes for the manifest as a file.
+  const std::string xml_path = dir.path("demo.man");
+  e2e::write_text(xml_path, demo_manifest());
+  const std::string quon = QUON_BINARY;
+  const e2e::run_result sift = e2e::run_program(quon.substr(0, quon.rfind('/')) + "/modsift", xml_path);
+  EXPECT_EQ(sift.status, 0) << sift.err;
+  auto layout_lines = [](const std::string& all) {
+    std::string kept;
+    std::istringstream in(all);
+    for (std::string line; std::getline(in, line);)
+      if (line.rfind("{", 0) == 0 || line.rfind("#{", 0) == 0) kept += line + "\n";
+    return kept;
+  };
+  EXPECT_EQ(layout_lines(text), layout_lines(sift.out));
+  EXPECT_EQ(e2e::count(layout_lines(text), "\n"), 4u);
   // Without a trace the mode is refused, as -stats is.
   const e2e::run_result bare = e2e::run_quon("-manifests");
   EXPECT_NE(bare.err.find("This option requires -log <etl file>"), std::string::npos) << bare.err;
