@@ -36,6 +36,8 @@ long learn_manifest(template_store& store, const qv::guid16& provider, const uin
     at = eol + 1;
     if (line.empty() || line[0] == '#') continue;
     if (!parse_template_line(record, line) || record.guid != provider) continue;
+    // The manifest event itself keeps its envelope, whatever a manifest says.
+    if (record.range_hi == 0 && record.ids.size() == 1 && record.ids[0] == manifest_event_id) continue;
     learned += static_cast<long>(learn_template_record(store, provider, record));
   }
   if (text) *text += lines;

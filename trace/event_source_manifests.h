@@ -13,7 +13,8 @@
 // grows beyond max_manifest_bytes is dropped. A complete manifest is read
 // only for the provider whose event carried it: a <provider> of another GUID
 // in it teaches nothing. A manifest equal to the last one read for the
-// provider (the rundown repeats it) isn't read again.
+// provider (the rundown repeats it) isn't read again. A layout it declares
+// for event 65534 itself isn't learned: that event keeps its envelope.
 #pragma once
 
 #include <cstddef>

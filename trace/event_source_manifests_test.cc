@@ -104,6 +104,16 @@ TEST(EventSourceManifests, UnreadableAndForeignManifestsTeachNothing) {
   EXPECT_EQ(field_of(store, guid_of(3)), "none");
   EXPECT_EQ(m.counts.unreadable, 3u);
   EXPECT_EQ(store.learned, nullptr);
+
+  // A manifest that gives event 65534 a layout: the rest is learned, that
+  // event isn't.
+  std::string self = manifest_for(1);
+  const std::string event_one = "<event value='1' version='0' symbol='E' template='T'/>";
+  self.insert(self.find(event_one) + event_one.size(), "<event value='65534' version='1' template='T'/>");
+  EXPECT_EQ(take_manifest_chunk(m, store, g, envelope(1, 0, self), 0), manifest_chunk::learned);
+  EXPECT_EQ(m.counts.layouts, 1u);
+  EXPECT_EQ(field_of(store, g), "Count");
+  EXPECT_EQ(find_event_template(store, g, manifest_event_id, 1), nullptr);
 }
 
 TEST(EventSourceManifests, LimitsOfSizeAndOfProvidersUnderWay) {
