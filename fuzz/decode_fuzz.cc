@@ -5,8 +5,15 @@
 // are written as a row's data column and as a JSON line, which must read as
 // strict JSON (a hostile provider name and file name included).
 //
+// With bit 3 of the mode, the rest is a run of manifest events instead: each
+// a u16 length, one byte choosing the provider, then the payload. Each is
+// read as a manifest event's row and its chunk gathered, complete manifests
+// are learned, and every identifier and version the input names is looked
+// up and walked over the last payload.
+//
 // Input layout:
-//   byte 0       mode: bit 0 pointers are 64-bit, bits 1-2 what to run
+//   byte 0       mode: bit 0 pointers are 64-bit, bits 1-2 what to run,
+//                bit 3 manifest events
 //   byte 1       n, the number of template words (0 to 31)
 //   2n bytes     the words, little-endian
 //   byte         where the payload starts within the rest (mod its size)
@@ -18,6 +25,7 @@
 #include "decode/decoded_field.h"
 #include "decode/device_formatters.h"
 #include "decode/guess.h"
+#include "decode/manifest_event.h"
 #include "decode/payload_decoder.h"
 #include "decode/render.h"
 #include "decode/tracelogging.h"
@@ -26,6 +34,7 @@
 #include "support/byte_reader.h"
 #include "templates/template_store.h"
 #include "trace/etl_record.h"
+#include "trace/event_source_manifests.h"
 #include "trace/log_header.h"
 
 namespace {
@@ -47,6 +56,60 @@ void render(etl_record& record, const std::string& trace_keys) {
   thread_local std::string out;
   out.clear();
   render_fields(out, record.fields);
+}
+
+// Manifest events of two providers, one of them known to the store, read
+// one after another as the engine reads them.
+void manifest_events(const uint8_t* data, size_t size, etl_record& record, const std::string& trace_keys,
+                     bool pointers_are_64) {
+  template_store store;
+  qv::guid16 known{};
+  known[0] = 1;
+  event_template t;
+  t.words = {8};
+  t.names = {"Known"};
+  build_layout(t);
+  store.templates.push_back(t);
+  store.by_digest[t.digest] = 0;
+  store.providers[known].events[1][0] = t.digest;
+  qv::guid16 unknown{};
+  unknown[0] = 2;  // {00000002-0000-0000-0000-000000000000}
+  const qv::guid16 providers[2] = {known, unknown};
+  event_source_manifests gathered;
+  gathered.keep_text = true;
+  size_t pos = 0;
+  const uint8_t* last = data;
+  uint32_t last_size = 0;
+  while (size - pos >= 3) {
+    const size_t length = qv::rd_u16(data, size, pos);
+    const qv::guid16& provider = providers[data[pos + 2] & 1];
+    pos += 3;
+    const uint32_t n = uint32_t(length < size - pos ? length : size - pos);
+    const uint8_t* payload = data + pos;
+    pos += n;
+    manifest_envelope envelope;
+    if (!read_manifest_envelope(payload, n, envelope)) continue;
+    take_manifest_chunk(gathered, store, provider, envelope, pos);
+    bool guessed = false;
+    record.fields.clear();
+    decode_manifest_event(record.fields, 0x10000, payload, n, guessed);
+    render(record, trace_keys);
+    last = payload;
+    last_size = n;
+  }
+  for (const qv::guid16& provider : providers) {
+    for (uint32_t id = 0; id < 4; ++id) {
+      for (int version = -1; version < 3; ++version) {
+        const event_template* found = find_event_template(store, provider, uint16_t(id), version);
+        if (!found) continue;
+        record.fields.clear();
+        walk_template(*found, record.fields, last, last_size, last + last_size, 0x10000, pointers_are_64);
+        render(record, trace_keys);
+      }
+    }
+  }
+  forget_learned(store);
+  if (find_event_template(store, providers[1], 1, 0)) __builtin_trap();
 }
 
 }  // namespace
@@ -95,6 +158,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   file.header = &header;
   std::string trace_keys;
   compose_trace_keys(trace_keys, file);
+  if (mode & 8) {
+    manifest_events(rest, rest_size, record, trace_keys, pointers_are_64);
+    return 0;
+  }
   switch ((mode >> 1) & 3) {
     case 0: {
       walk_template(tmpl, fields, rest, uint32_t(payload_size), end, base, pointers_are_64);

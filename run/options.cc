@@ -97,7 +97,7 @@ constexpr const char* kNotWithJsonl[] = {
     "-csv", "-csvgen", "-csvl2t", "-bodyfile", "-xml", "-multiline", "-csv_separator",
     "-enable_quoted_csv_fields", "-no_whitespace", "-pair_datetime", "-dateformat", "-timeformat",
     "-base10", "-base16", "-hostname", "-username", "-guids", "-stats",
-    "-pullguid", "-extract_bxml", "-providers"};
+    "-pullguid", "-extract_bxml", "-providers", "-manifests"};
 
 }  // namespace
 
@@ -147,6 +147,13 @@ bool parse_options(quon_user_opts& o, std::vector<std::string>& args) {
     }
     o.walk.list_stats = true;
     o.engine.stats_enabled = true;
+  }
+  if (has_word("-manifests", args)) {
+    if (o.log_files.empty() && !o.use_pipe) {
+      complain("This option requires -log <etl file>\n");
+      return false;
+    }
+    o.walk.gather_manifests = true;
   }
   if (has_word("-no_guessing", args)) o.no_guessing = true;
   if (take_value("-pullguid", v, args)) {

@@ -50,6 +50,15 @@ TEST(Options, ModesAndTheirRequirements) {
   quon_user_opts short_guid;
   EXPECT_FALSE(parsed(short_guid, {"-out", "/dev/null", "-pullguid", "5f0b2a11-7c3e"}));
 
+  quon_user_opts manifests_alone;
+  EXPECT_FALSE(parsed(manifests_alone, {"-manifests"}));
+  EXPECT_FALSE(manifests_alone.walk.gather_manifests);
+  quon_user_opts manifests;
+  ASSERT_TRUE(parsed(manifests, {"-MANIFESTS", "-log", "a.etl"}));
+  EXPECT_TRUE(manifests.walk.gather_manifests);
+  quon_user_opts manifests_json;
+  EXPECT_FALSE(parsed(manifests_json, {"-jsonl", "-manifests", "-log", "a.etl"}));
+
   quon_user_opts bxml;
   ASSERT_TRUE(parsed(bxml, {"-pipe", "-extract_bxml"}));
   EXPECT_TRUE(bxml.extract_bxml);

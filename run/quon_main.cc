@@ -116,6 +116,10 @@ bool walk_file(std::ostream& report_out, uni::fileio& file, quon_user_opts& opts
     null_sink none;
     return walk_trace_file(file, opts.walk, opts.engine, none);
   }
+  if (opts.walk.gather_manifests) {
+    manifest_sink manifests(report_out, opts.engine);
+    return walk_trace_file(file, opts.walk, opts.engine, manifests);
+  }
   if (opts.walk.list_guids || opts.walk.list_stats) {
     listing_sink listing(report_out, opts.engine, opts.walk.list_stats);
     return walk_trace_file(file, opts.walk, opts.engine, listing);

@@ -121,10 +121,9 @@ const template_digest* choose_among_all(const build_map* any, const version_map*
   return nullptr;
 }
 
-}  // namespace
-
-const event_template* find_event_template(template_store& store, const qv::guid16& guid,
-                                          uint16_t event_id, int version) {
+// The choice of one store's own layouts (see find_event_template).
+const event_template* find_own_template(template_store& store, const qv::guid16& guid,
+                                        uint16_t event_id, int version) {
   auto p = store.providers.find(guid);
   if (p == store.providers.end()) return nullptr;
   provider_entry& entry = p->second;
@@ -147,6 +146,75 @@ const event_template* find_event_template(template_store& store, const qv::guid1
       versions ? choose_among_all(any, versions, build) : any ? choose_by_build(*any, build) : nullptr;
   return d ? template_of(store, *d) : nullptr;
 }
+
+// A learned layout declared for exactly this identifier and version.
+const event_template* find_learned_exact(const template_store& learned, const qv::guid16& guid,
+                                         uint16_t event_id, int version) {
+  if (version < 0 || version > 0xFF) return nullptr;
+  auto p = learned.providers.find(guid);
+  if (p == learned.providers.end()) return nullptr;
+  auto v = p->second.versioned.find(event_id);
+  if (v == p->second.versioned.end()) return nullptr;
+  auto b = v->second.find(uint8_t(version));
+  if (b == v->second.end() || b->second.empty()) return nullptr;
+  return template_of(learned, b->second.begin()->second);
+}
+
+}  // namespace
+
+const event_template* find_event_template(template_store& store, const qv::guid16& guid,
+                                          uint16_t event_id, int version) {
+  template_store* learned = store.learned.get();
+  if (!learned) return find_own_template(store, guid, event_id, version);
+  if (const event_template* t = find_learned_exact(*learned, guid, event_id, version)) return t;
+  if (const event_template* t = find_own_template(store, guid, event_id, version)) return t;
+  return find_own_template(*learned, guid, event_id, version);
+}
+
+bool store_covers(template_store& store, const qv::guid16& guid, uint16_t event_id, uint8_t version) {
+  auto p = store.providers.find(guid);
+  if (p == store.providers.end()) return false;
+  provider_entry& entry = p->second;
+  if (!entry.pending.empty() && store.link_pending) store.link_pending(store, entry);
+  auto any = entry.events.find(event_id);
+  if (any != entry.events.end() && !any->second.empty()) return true;
+  auto versioned = entry.versioned.find(event_id);
+  if (versioned == entry.versioned.end()) return false;
+  auto v = versioned->second.find(version);
+  return v != versioned->second.end() && !v->second.empty();
+}
+
+size_t learn_template_record(template_store& store, const qv::guid16& guid, const template_record& record) {
+  if (record.words.empty() || record.version < 0 || record.version > 0xFF) return 0;
+  const uint8_t version = uint8_t(record.version);
+  template_record own;
+  own.version = record.version;
+  own.words = record.words;
+  own.names = record.names;
+  own.percent_form = record.percent_form;
+  auto consider = [&](uint16_t id) {
+    if (store_covers(store, guid, id, version)) return;
+    if (store.learned && find_learned_exact(*store.learned, guid, id, version)) return;
+    own.ids.push_back(id);
+  };
+  if (record.range_hi != 0)
+    for (uint32_t id = record.range_lo; id <= record.range_hi; ++id) consider(uint16_t(id));
+  for (uint16_t id : record.ids) consider(id);
+  if (own.ids.empty()) return 0;
+  if (!store.learned) store.learned = std::make_unique<template_store>();
+  size_t budget = own.ids.size();
+  const size_t entered = budget;
+  std::string scratch;
+  link_template_record(*store.learned, store.learned->providers[guid], own, budget, scratch);
+  return entered;
+}
+
+void learn_provider_name(template_store& store, const qv::guid16& guid, const std::string& name) {
+  if (!store.learned) store.learned = std::make_unique<template_store>();
+  set_provider_name(*store.learned, guid, name);
+}
+
+void forget_learned(template_store& store) { store.learned.reset(); }
 
 bool enter_layout(provider_entry& entry, uint16_t event_id, int version, uint16_t build,
                   const template_digest& digest) {
@@ -210,7 +278,9 @@ void link_template_record(template_store& store, provider_entry& entry,
 const std::string& provider_name_of(const template_store& store, const qv::guid16& guid) {
   static const std::string empty;
   auto p = store.providers.find(guid);
-  return p == store.providers.end() ? empty : p->second.name;
+  if (p != store.providers.end() && !p->second.name.empty()) return p->second.name;
+  if (store.learned) return provider_name_of(*store.learned, guid);
+  return empty;
 }
 
 bool group_guid_of(const template_store& store, uint16_t event_id, qv::guid16& out) {
@@ -241,6 +311,7 @@ void clear(template_store& store) {
   store.block_field_names.clear();
   store.block_field_names.shrink_to_fit();
   store.link_pending = nullptr;
+  store.learned.reset();
 }
 
 void set_trace_build(template_store& store, uint32_t build) { store.trace_build = build; }

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,11 @@ struct template_store {
   // that a lookup can unpack a provider without the store knowing the
   // block's format.
   void (*link_pending)(template_store& store, provider_entry& entry) = nullptr;
+  // Layouts learned from the trace being read (the instrumentation manifests
+  // that event sources write into it), kept apart from the sources above:
+  // they fill only keys those sources leave empty, and they are forgotten
+  // with the file. Null until a first layout is learned.
+  std::unique_ptr<template_store> learned;
 };
 
 // ---- Parse-time objects -----------------------------------------------------
@@ -130,7 +136,10 @@ void build_layout(event_template& t);
 template_digest digest_of(const std::string& text);
 
 // The layout for a provider, event id and event version (-1: the record
-// carries none) under the store's trace build, or nullptr. Layouts declared
+// carries none) under the store's trace build, or nullptr. A layout learned
+// from the trace for exactly that identifier and version comes first (it was
+// learned only where the store's own sources had none); then the store's own
+// choice; then the learned layouts' choice among other versions. Layouts declared
 // for that version come first, chosen by build; without any, the choice by
 // build runs over all layouts of the identifier, and where two stand at the
 // chosen build the one for every version wins, else the highest version.
@@ -139,6 +148,22 @@ template_digest digest_of(const std::string& text);
 // template stays valid while the store lives.
 const event_template* find_event_template(template_store& store, const qv::guid16& guid,
                                           uint16_t event_id, int version = -1);
+
+// True when the store's own sources (text file and block, not learned
+// layouts) hold a layout for exactly this key: one for every version of the
+// identifier, or one declared for `version`. Links the provider's block
+// records first.
+bool store_covers(template_store& store, const qv::guid16& guid, uint16_t event_id, uint8_t version);
+
+// Links an event record learned from the trace into `store.learned` under
+// `guid`, for the identifiers and the version it names that the store's own
+// sources don't cover; a key learned before keeps its layout. Returns how
+// many identifiers it entered.
+size_t learn_template_record(template_store& store, const qv::guid16& guid, const template_record& record);
+// Names a provider among the learned layouts when it has no name there yet.
+void learn_provider_name(template_store& store, const qv::guid16& guid, const std::string& name);
+// Drops every learned layout.
+void forget_learned(template_store& store);
 
 // Enters a layout for an identifier at (version, build) unless one stands
 // there already; an earlier layout for every version at that build also
@@ -153,7 +178,8 @@ bool enter_layout(provider_entry& entry, uint16_t event_id, int version, uint16_
 // `layout` is scratch text.
 void link_template_record(template_store& store, provider_entry& entry,
                           const template_record& record, size_t& id_budget, std::string& layout);
-// The provider's name, or an empty text when unknown or unnamed.
+// The provider's name (the learned one when the store's own sources have
+// none), or an empty text when unknown or unnamed.
 const std::string& provider_name_of(const template_store& store, const qv::guid16& guid);
 // The GUID of a classic event's group (event_id with its low byte cleared).
 bool group_guid_of(const template_store& store, uint16_t event_id, qv::guid16& out);

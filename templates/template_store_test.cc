@@ -261,3 +261,69 @@ TEST(TemplateStoreVersions, WithoutVersionsTheChoiceIsTheBuildsAlone) {
 }
 
 }  // namespace
+
+namespace {
+
+template_record learned_record(uint16_t id, int version, uint16_t word, const char* name) {
+  template_record r;
+  r.ids = {id};
+  r.version = int16_t(version);
+  r.words = {word};
+  r.names = {name};
+  return r;
+}
+
+}  // namespace
+
+TEST(TemplateStore, LearnedLayoutsFillOnlyKeysTheStoreLacks) {
+  template_store store;
+  const qv::guid16 g = guid_with(0x31);
+  const qv::guid16 other = guid_with(0x32);
+  // The store's own: event 1 for every version, event 2 version 0 only at
+  // build 22000, event 3 version 1.
+  store.providers[g].events[1][0] = add_template(store, 4);
+  store.providers[g].versioned[2][0][22000] = add_template(store, 5);
+  store.providers[g].versioned[3][1][0] = add_template(store, 6);
+  set_trace_build(store, 19041);
+
+  EXPECT_TRUE(store_covers(store, g, 1, 7));   // every version
+  EXPECT_TRUE(store_covers(store, g, 2, 0));   // whatever the build
+  EXPECT_FALSE(store_covers(store, g, 2, 1));
+  EXPECT_FALSE(store_covers(store, g, 3, 0));  // another version only
+  EXPECT_FALSE(store_covers(store, other, 1, 0));
+
+  EXPECT_EQ(learn_template_record(store, g, learned_record(1, 0, 8, "L1")), 0u);
+  EXPECT_EQ(learn_template_record(store, g, learned_record(2, 0, 8, "L2v0")), 0u);
+  EXPECT_EQ(learn_template_record(store, g, learned_record(2, 1, 8, "L2v1")), 1u);
+  EXPECT_EQ(learn_template_record(store, g, learned_record(3, 0, 8, "L3v0")), 1u);
+  EXPECT_EQ(learn_template_record(store, other, learned_record(1, 0, 10, "O1")), 1u);
+  // A record for every version isn't learned: a manifest declares versions.
+  EXPECT_EQ(learn_template_record(store, other, learned_record(2, -1, 10, "any")), 0u);
+  // A key learned once keeps its layout.
+  EXPECT_EQ(learn_template_record(store, g, learned_record(2, 1, 9, "again")), 0u);
+
+  auto name_of = [&](const qv::guid16& guid, uint16_t id, int version) -> std::string {
+    const event_template* t = find_event_template(store, guid, id, version);
+    return t ? t->names[0] : "none";
+  };
+  EXPECT_EQ(name_of(g, 1, 0), "f");      // the store's, for every version
+  EXPECT_EQ(name_of(g, 2, 0), "f");      // the store's, at its build
+  EXPECT_EQ(name_of(g, 2, 1), "L2v1");   // learned, exact
+  EXPECT_EQ(name_of(g, 3, 0), "L3v0");   // learned, exact, ahead of the store's version 1
+  EXPECT_EQ(name_of(g, 3, 1), "f");      // the store's own version
+  EXPECT_EQ(name_of(other, 1, 0), "O1");
+  EXPECT_EQ(name_of(other, 1, 5), "O1"); // no layout anywhere for version 5: the learned choice
+  EXPECT_EQ(name_of(other, 9, 0), "none");
+
+  learn_provider_name(store, other, "Learned-Name");
+  set_provider_name(store, g, "Own-Name");
+  learn_provider_name(store, g, "Learned-Own");
+  EXPECT_EQ(provider_name_of(store, other), "Learned-Name");
+  EXPECT_EQ(provider_name_of(store, g), "Own-Name");
+
+  forget_learned(store);
+  EXPECT_EQ(name_of(g, 2, 1), "f");  // back to the store's choice among versions
+  EXPECT_EQ(name_of(g, 3, 0), "f");
+  EXPECT_EQ(name_of(other, 1, 0), "none");
+  EXPECT_EQ(provider_name_of(store, other), "");
+}

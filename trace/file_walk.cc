@@ -94,7 +94,9 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
 
   const bool pulling = subset.on;
   const bool listing = opts.list_guids || opts.list_stats;
-  engine.decode_enabled = !pulling && !listing;
+  engine.decode_enabled = !pulling && !listing && !opts.gather_manifests;
+  engine.gather_manifests = opts.gather_manifests;
+  engine.manifests.keep_text = opts.gather_manifests;
   engine.subset_enabled = pulling && subset.file && subset.file->is_open();
   engine.subset_guid = subset.guid;
 

@@ -25,6 +25,9 @@ struct walk_options {
   bool list_guids = false;
   bool list_stats = false;
   subset_target subset;     // -pullguid
+  // -manifests: the event sources' manifests only, as template text; no
+  // payload is decoded.
+  bool gather_manifests = false;
 };
 
 // True when the file was accepted and walked, however early its buffer loop

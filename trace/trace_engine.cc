@@ -660,7 +660,26 @@ void unpack_event(trace_engine& e, const record_view& r, uint64_t file_offset,
         has_payload = static_cast<uint64_t>(payload_at) + 1 < rec->size;
       }
     }
-    if (has_payload && e.decode_enabled) {
+    // An event source's manifest event: its chunk is gathered, and its row
+    // shows the envelope and the text unless the store has a layout for it.
+    bool manifest_row = false;
+    if (has_payload && (kind == kind_c012 || kind == kind_c013) && rec->event_id == manifest_event_id &&
+        (e.decode_enabled || e.gather_manifests)) {
+      const uint32_t readable = r.avail() > payload_at ? static_cast<uint32_t>(r.avail() - payload_at) : 0;
+      const uint32_t payload_size = std::min<uint32_t>(rec->size - payload_at, readable);
+      manifest_envelope envelope;
+      if (read_manifest_envelope(r.p + payload_at, payload_size, envelope)) {
+        take_manifest_chunk(e.manifests, e.store, rec->provider_id, envelope, file_offset);
+        manifest_row = e.decode_enabled &&
+                       !find_event_template(e.store, rec->provider_id, layout_id, rec->layout_version);
+        if (manifest_row) {
+          bool guessed = false;
+          decode_manifest_event(rec->fields, file_offset + payload_at, r.p + payload_at, payload_size, guessed);
+          rec->guessed = guessed;
+        }
+      }
+    }
+    if (has_payload && e.decode_enabled && !manifest_row) {
       bool guessed = false;
       decode_payload(rec->fields, file_offset + payload_at, rec->has_provider ? &rec->provider_id : nullptr,
                      layout_id, rec->layout_version, r.p + payload_at, rec->size - payload_at, buffer_end,
@@ -847,8 +866,13 @@ void reset_engine(trace_engine& e, bool keep_templates) {
   record_list records = std::move(e.records);
   const bool no_guessing = e.no_guessing;
   const bool decode_enabled = e.decode_enabled;
+  const bool gather_manifests = e.gather_manifests;
   e = trace_engine();
+  // Layouts learned from one file's manifests don't hold for the next: it
+  // may come from another machine with another version of the same source.
+  forget_learned(store);
   if (keep_templates) e.store = std::move(store);
+  e.gather_manifests = gather_manifests;
   records.clear();
   e.records = std::move(records);
   e.no_guessing = no_guessing;

@@ -74,6 +74,7 @@
 #include "support/guid.h"
 #include "templates/template_store.h"
 #include "trace/buffer_header.h"
+#include "trace/event_source_manifests.h"
 #include "trace/etl_record.h"
 #include "trace/log_header.h"
 
@@ -141,6 +142,11 @@ struct trace_engine {
   bool subset_enabled = false;
   qv::guid16 subset_guid{};
   class_group_cache class_group;
+  // The manifests that event sources wrote into this file, and what the
+  // store learned from them; both go with the file.
+  event_source_manifests manifests;
+  // Manifests are gathered even when payloads aren't decoded (-manifests).
+  bool gather_manifests = false;
 };
 
 // Opens the engine on a log header block; refuses one that fails the
@@ -158,7 +164,8 @@ bool read_log_header_buffer(trace_engine& engine, const uint8_t* data, size_t si
 // Drops the records of the current buffer.
 void discard_rows(trace_engine& engine);
 
-// Clears all state but the template store and no_guessing.
+// Clears all state but the template store (less what it learned from the
+// file's manifests), no_guessing and whether manifests are gathered.
 void reset_engine(trace_engine& engine, bool keep_templates);
 
 // The pointer width of the payloads of a buffer.

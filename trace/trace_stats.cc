@@ -133,3 +133,13 @@ void listing_sink::file_ended() {
   if (stats_) print_statistics(out_, engine_);
   else print_provider_list(out_, engine_);
 }
+
+void manifest_sink::file_ended() {
+  const event_source_manifests& m = engine_.manifests;
+  if (m.text.empty()) return;
+  std::string text = "// file: ";
+  for (char c : engine_.file_name) text += (static_cast<unsigned char>(c) < 0x20 ? '?' : c);
+  text += "\n";
+  text += m.text;
+  out_.write(text.data(), static_cast<std::streamsize>(text.size()));
+}

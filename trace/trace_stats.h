@@ -51,3 +51,18 @@ class listing_sink : public record_sink {
   const trace_engine& engine_;
   bool stats_;
 };
+
+// The sink of -manifests: at the end of each file, a comment line with the
+// file's name and the template text of the manifests read in it (nothing
+// for a file without any), so that the output can be given to -templates.
+class manifest_sink : public record_sink {
+ public:
+  manifest_sink(std::ostream& out, const trace_engine& engine) : out_(out), engine_(engine) {}
+  void file_opened(const file_opening&) override {}
+  void take_records(record_list&) override {}
+  void file_ended() override;
+
+ private:
+  std::ostream& out_;
+  const trace_engine& engine_;
+};
