@@ -7,7 +7,8 @@ to the guesser, grouped by provider, event and version.
     tests/decode_coverage.py <quon> <trace or folder> [...] [--groups N]
 
 It reads quon's -jsonl rows. A field counts as named when its name doesn't
-start with "guess_"; a label (the layout's event name, shown as "{guess}" when
+start with "guess_" and it isn't one of the extended items shown ahead of the
+payload (related activity "guid", "sid", "stack[n]"); a label (the layout's event name, shown as "{guess}" when
 the guesser takes over behind it) is not a field. The bytes left to the
 guesser are estimated from the guessed fields: 1, 2, 4 or 8 bytes for the
 numbers, 8 for times, the text and its terminator for strings, 8 or more for
@@ -21,6 +22,11 @@ import sys
 
 SIZES = {"guess_byte": 1, "guess_uint16": 2, "guess_uint32": 4, "guess_uint64": 8,
          "guess_filetime": 8, "guess_systime": 16, "guess_sid": 12}
+
+
+def is_extended(name):
+    """Fields of the extended items ahead of the payload: not payload fields."""
+    return name in ("guid", "sid") or (name.startswith("stack[") and name.endswith("]"))
 
 
 def guessed_bytes(name, value):
@@ -57,7 +63,8 @@ def measure(quon, path, groups):
             continue
         rows += 1
         fields = row["fields"] or {}
-        real = [k for k, v in fields.items() if not k.startswith("guess_") and v != "{guess}"]
+        real = [k for k, v in fields.items()
+                if not k.startswith("guess_") and v != "{guess}" and not is_extended(k)]
         guesses = [(k, v) for k, v in fields.items() if k.startswith("guess_")]
         if real:
             named += 1
