@@ -1,5 +1,7 @@
 #include "decode/render.h"
 
+#include <cstring>
+
 #include "support/qv_string.h"
 
 namespace {
@@ -22,13 +24,31 @@ constexpr hex_pair_table kHexPairs;
 // Zero padding of a number never goes past the width of a 128-bit value,
 // whatever size a field claims: the number itself holds 64 bits at most.
 constexpr uint32_t kMaxNumberDigits = 32;
+constexpr char kZeros[kMaxNumberDigits + 1] = "00000000000000000000000000000000";
 
 // Text values: backslashes become "/" first, then a backslash goes ahead of
 // every double quote, so that the escape itself survives.
+// Whether one of the 8 bytes of `w` is a backslash or a double quote.
+inline bool has_escape_byte(uint64_t w) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHighs = 0x8080808080808080ULL;
+  const uint64_t b = w ^ (kOnes * '\\');
+  const uint64_t q = w ^ (kOnes * '"');
+  return (((b - kOnes) & ~b) | ((q - kOnes) & ~q)) & kHighs;
+}
+
 void append_text_value(std::string& out, const std::string& text) {
   const char* p = text.data();
   const char* end = p + text.size();
   const char* from = p;
+  // Eight bytes at a time up to the first word that may hold a backslash or
+  // a quote; most texts hold neither and go to the line in one piece.
+  while (end - p >= 8) {
+    uint64_t w;
+    std::memcpy(&w, p, 8);
+    if (has_escape_byte(w)) break;
+    p += 8;
+  }
   for (; p != end; ++p) {
     if (*p != '\\' && *p != '"') continue;
     out.append(from, static_cast<size_t>(p - from));
@@ -70,22 +90,30 @@ void append_value(std::string& out, const decoded_field& f) {
 }  // namespace
 
 void append_hex(std::string& out, uint64_t value, uint32_t digits) {
-  // The significant digits, at least one, then the width with zeros in
-  // front; written in place, two digits per step from a table.
-  uint32_t significant = 1;
-  for (uint64_t v = value >> 4; v != 0; v >>= 4) ++significant;
-  if (digits > kMaxNumberDigits) digits = kMaxNumberDigits;
-  const size_t width = digits > significant ? digits : significant;
-  const size_t at = out.size();
-  out.resize(at + width, '0');
-  char* p = out.data() + at + width;
-  uint32_t left = significant;
-  for (; left >= 2; left -= 2, value >>= 8) {
+  // Written backwards into a buffer on the stack, two digits per step from a
+  // table, then zeros in front up to the width, and appended at once.
+  char buf[kMaxNumberDigits];
+  // Zeros first, in one fixed-size copy; the digits go over them.
+  std::memcpy(buf, kZeros, sizeof buf);
+  char* const end = buf + sizeof buf;
+  char* p = end;
+  while (value >= 0x100) {
     const char* pair = kHexPairs[value & 0xFF];
     *--p = pair[1];
     *--p = pair[0];
+    value >>= 8;
   }
-  if (left) *--p = kHexDigits[value & 0xF];
+  if (value >= 0x10) {
+    const char* pair = kHexPairs[value];
+    *--p = pair[1];
+    *--p = pair[0];
+  } else {
+    *--p = kHexDigits[value];
+  }
+  if (digits > kMaxNumberDigits) digits = kMaxNumberDigits;
+  char* const first = end - digits;
+  if (first < p) p = first;
+  out.append(p, static_cast<size_t>(end - p));
 }
 
 void append_hex_bytes(std::string& out, const uint8_t* data, size_t size) {
@@ -113,20 +141,36 @@ void render_fields(std::string& out, decoded_fields& fields) {
   for (const auto& e : fields) {
     const decoded_field& f = e.field;
     ++counter;
-    out.append(counter > 1 ? ";\"" : "\"");
+    // The entry's head ( ;"NN- ) in one piece.
+    char head[32];
+    size_t n = 0;
+    if (counter > 1) head[n++] = ';';
+    head[n++] = '"';
     if (counter < 10) {
-      out += '0';
-      out += static_cast<char>('0' + counter);
+      head[n++] = '0';
+      head[n++] = static_cast<char>('0' + counter);
     } else {
-      append_decimal(out, counter);
+      char digits[20];
+      size_t at = sizeof digits;
+      uint64_t v = counter;
+      do {
+        digits[--at] = static_cast<char>('0' + v % 10);
+        v /= 10;
+      } while (v != 0);
+      for (; at < sizeof digits; ++at) head[n++] = digits[at];
     }
     if (!f.name.empty()) {
-      out += '-';
+      head[n++] = '-';
+      out.append(head, n);
       out += f.name;
+      out.append("\":\"", 3);
+    } else {
+      head[n++] = '"';
+      head[n++] = ':';
+      head[n++] = '"';
+      out.append(head, n);
     }
-    out += "\":\"";
     append_value(out, f);
     out += '"';
   }
 }
-

@@ -82,6 +82,58 @@ void put_hex(std::string& out, uint64_t v, uint64_t digits) {
   out.append(buf + at, n);
 }
 
+// The two hexadecimal digits of every byte value.
+struct hex_pair_table {
+  char pairs[256][2];
+  constexpr hex_pair_table() : pairs() {
+    for (int i = 0; i < 256; ++i) {
+      pairs[i][0] = "0123456789abcdef"[i >> 4];
+      pairs[i][1] = "0123456789abcdef"[i & 0xF];
+    }
+  }
+};
+constexpr hex_pair_table kHexPairs;
+
+// Number texts composed on the stack end at `end` and are written backwards:
+// the widest is "0x" and kMaxStackDigits digits.
+constexpr uint64_t kMaxStackDigits = 64;
+constexpr size_t kNumberBuffer = kMaxStackDigits + 8;
+
+// Lower-case hexadecimal of `v`, zero-filled to `digits` (at most
+// kMaxStackDigits), ending at `end`; returns its first character.
+char* hex_backwards(char* end, uint64_t v, uint64_t digits) {
+  // Zeros first, in one fixed-size copy; the digits go over them.
+  static constexpr char kZeros[kMaxStackDigits + 1] =
+      "0000000000000000000000000000000000000000000000000000000000000000";
+  std::memcpy(end - kMaxStackDigits, kZeros, kMaxStackDigits);
+  char* p = end;
+  while (v >= 0x100) {
+    const char* pair = kHexPairs.pairs[v & 0xFF];
+    *--p = pair[1];
+    *--p = pair[0];
+    v >>= 8;
+  }
+  if (v >= 0x10) {
+    const char* pair = kHexPairs.pairs[v];
+    *--p = pair[1];
+    *--p = pair[0];
+  } else {
+    *--p = kHexDigits[v];
+  }
+  char* const first = end - digits;
+  return first < p ? first : p;
+}
+
+// Decimal of `v` ending at `end`; returns its first character.
+char* decimal_backwards(char* end, uint64_t v) {
+  char* p = end;
+  do {
+    *--p = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  return p;
+}
+
 void put_two(char* p, uint32_t v) {
   p[0] = static_cast<char>('0' + v / 10 % 10);
   p[1] = static_cast<char>('0' + v % 10);
@@ -158,6 +210,36 @@ void finish_text(report_cell& cell) {
   }
 }
 
+// The text of a GUID cell. Rows repeat the same few GUIDs (the providers of
+// a trace, the empty activity id), so texts are kept in a small table
+// indexed by a hash of the GUID's bytes.
+void append_cached_guid_text(std::string& out, const uint8_t* guid) {
+  struct entry {
+    uint8_t key[16];
+    char text[36];
+    bool used;
+  };
+  thread_local entry table[64] = {};
+  uint64_t lo, hi;
+  std::memcpy(&lo, guid, 8);
+  std::memcpy(&hi, guid + 8, 8);
+  const uint64_t h = (lo ^ (hi * 0x9E3779B97F4A7C15ULL)) * 0x9E3779B97F4A7C15ULL;
+  entry& e = table[h >> 58];
+  if (!e.used || std::memcmp(e.key, guid, 16) != 0) {
+    std::string text;
+    text.reserve(36);
+    qv::append_guid_text(text, guid);
+    if (text.size() != sizeof e.text) {
+      out += text;
+      return;
+    }
+    std::memcpy(e.key, guid, 16);
+    std::memcpy(e.text, text.data(), sizeof e.text);
+    e.used = true;
+  }
+  out.append(e.text, sizeof e.text);
+}
+
 // Everything the writer needs from the option record for one line.
 struct line_settings {
   const report_options& o;
@@ -191,6 +273,19 @@ bool render_time(uint64_t value, uint16_t type, const qv::datetime_format& fmt,
 // blank and time, left-aligned in the column. An invalid stamp leaves a
 // blank for each half (none under -no_whitespace).
 void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
+  if (time_kind_of(c.type) == qv::type_filetime) {
+    // The usual stamp: date and time go straight into the line.
+    thread_local filetime_text stamp;
+    if (stamp.set(c.number, o.datetime_format)) {
+      if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
+      const size_t start = out.size();
+      stamp.append_date(out);
+      out.push_back(' ');
+      stamp.append_time(out);
+      if (!o.no_whitespace) pad_left_aligned(out, start, w);
+      return;
+    }
+  }
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
     date.assign(1, ' ');
@@ -234,7 +329,7 @@ void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const 
   if (!o.no_whitespace) pad_left_aligned(out, start, w);
 }
 
-void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+void write_number_cell_in_place(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
                        const report_options& o) {
   const size_t start = out.size();
   const uint64_t field = prefix < w ? w - prefix : 0;
@@ -264,6 +359,46 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
     put_hex(out, v, digits);
   }
   if (!o.no_whitespace) pad_right_aligned(out, start, field);
+}
+
+// Number cells: the text is composed on the stack, so that the blanks of
+// the right alignment go in ahead of it instead of being inserted after.
+// Zero fills wider than the stack text (only from odd column widths) and the
+// hexadecimal-and-decimal form take the in-place path.
+void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+                       const report_options& o) {
+  const uint64_t field = prefix < w ? w - prefix : 0;
+  const uint64_t v = c.number;
+  char buf[kNumberBuffer];
+  char* const end = buf + sizeof buf;
+  char* p = end;
+  if ((c.flags & rf_zero_blank) && v == 0) {
+    if (!o.no_whitespace) put_blanks(out, field);
+    return;
+  }
+  if (c.flags & rf_hex) {
+    const uint64_t digits = (!o.no_whitespace && prefix + 1 < w) ? w - prefix - 2 : 0;
+    if (digits > kMaxStackDigits) return write_number_cell_in_place(out, c, w, prefix, o);
+    p = hex_backwards(end, v, digits);
+    *--p = 'x';
+    *--p = '0';
+  } else if (c.flags & rf_hex_and_dec) {
+    return write_number_cell_in_place(out, c, w, prefix, o);
+  } else if (c.flags & rf_hex_bare) {
+    p = hex_backwards(end, v, type_digits(c.type));
+  } else if ((c.flags & rf_decimal) || !o.base16) {
+    p = decimal_backwards(end, v);
+  } else {
+    uint64_t digits = type_digits(c.type);
+    if (!o.no_whitespace && w >= prefix + 2) digits = w - prefix - 2;
+    if (digits > kMaxStackDigits) return write_number_cell_in_place(out, c, w, prefix, o);
+    p = hex_backwards(end, v, digits);
+    *--p = 'x';
+    *--p = '0';
+  }
+  const size_t n = static_cast<size_t>(end - p);
+  if (!o.no_whitespace && n < field) put_blanks(out, field - n);
+  out.append(p, n);
 }
 
 void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
@@ -346,7 +481,7 @@ size_t render_cell(std::string& out, const report_row& row, size_t i, const line
       break;
     case rt_guid: {
       const size_t start = out.size();
-      if (c.bytes.size() >= 16) qv::append_guid_text(out, c.bytes.data());
+      if (c.bytes.size() >= 16) append_cached_guid_text(out, c.bytes.data());
       if (!o.no_whitespace) pad_left_aligned(out, start, w);
       break;
     }
@@ -594,12 +729,17 @@ void filetime_text::append_time(std::string& out) const {
   static constexpr uint64_t kPowers[10] = {1,      10,      100,      1000,      10000,
                                            100000, 1000000, 10000000, 100000000, 1000000000};
   char buf[18];
-  const uint32_t of_day = static_cast<uint32_t>(ticks_ / kTicksPerSecond % 86400);
-  put_two(buf, of_day / 3600);
-  buf[2] = ':';
-  put_two(buf + 3, of_day / 60 % 60);
-  buf[5] = ':';
-  put_two(buf + 6, of_day % 60);
+  const uint64_t second = ticks_ / kTicksPerSecond;
+  if (second != second_) {
+    const uint32_t of_day = static_cast<uint32_t>(second % 86400);
+    put_two(clock_, of_day / 3600);
+    clock_[2] = ':';
+    put_two(clock_ + 3, of_day / 60 % 60);
+    clock_[5] = ':';
+    put_two(clock_ + 6, of_day % 60);
+    second_ = second;
+  }
+  std::memcpy(buf, clock_, 8);
   size_t n = 8;
   if (digits_ != 0) {
     buf[n++] = '.';

@@ -68,8 +68,9 @@ bool csv_field_needs_quotes(const std::string& out, size_t start, const std::str
 void quote_csv_field(std::string& out, size_t start, uint64_t width);
 
 // Date and time text of FILETIME stamps for the row writers. The date text
-// is kept per day and per format, so a run of events costs a few divisions
-// per row; the text equals what qv::format_datetime gives for the stamp.
+// is kept per day and per format and the "hh:mm:ss" text per second, so a
+// run of events costs a few divisions per row; the text equals what
+// qv::format_datetime gives for the stamp.
 class filetime_text {
  public:
   // False when the stamp isn't a valid time; nothing may then be printed.
@@ -85,4 +86,7 @@ class filetime_text {
   uint64_t ticks_ = 0;
   uint32_t digits_ = 0;
   std::string date_;
+  // The second of the day that `clock_` shows ("hh:mm:ss").
+  mutable uint64_t second_ = UINT64_MAX;
+  mutable char clock_[8] = {};
 };

@@ -226,10 +226,76 @@ uint32_t utf16_to_wide(const uint8_t* source, std::wstring& out, uint32_t max_by
   return sc.units * 2;
 }
 
+static uint32_t utf16_general(const uint8_t* source, std::string& out, uint32_t max_bytes);
+
 uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
                     bool count_terminator) {
   out.clear();
   if (!source || max_bytes == 0) return 0;
+  // Most texts are ASCII: they are copied in the same pass that finds their
+  // end, through a buffer on the stack. The first unit beyond ASCII sends
+  // the text to the general conversion below, which starts over.
+  const bool bounded = max_bytes != 0xFFFFFFFFu;
+  const uint32_t limit = bounded ? max_bytes / 2 : 500u;
+  char chunk[256];
+  uint32_t n = 0;
+  uint32_t in_chunk = 0;
+  bool ascii = true;
+  for (;;) {
+    // Four units at a time while all four are ASCII and none is zero: high
+    // bytes clear, low bytes below 0x80, and no unit that 1 takes below 0.
+    // Only inside a bounded text: an unbounded one may end at its zero unit.
+    if (bounded && limit - n >= 4 && sizeof chunk - in_chunk >= 4) {
+      uint64_t w;
+      std::memcpy(&w, source + 2 * size_t(n), 8);
+      constexpr uint64_t kOneUnits = 0x0001000100010001ULL;
+      if ((w & 0xFF80FF80FF80FF80ULL) == 0 && ((w - kOneUnits) & 0x8000800080008000ULL) == 0) {
+        chunk[in_chunk] = char(w);
+        chunk[in_chunk + 1] = char(w >> 16);
+        chunk[in_chunk + 2] = char(w >> 32);
+        chunk[in_chunk + 3] = char(w >> 48);
+        in_chunk += 4;
+        n += 4;
+        if (in_chunk == sizeof chunk) {
+          out.append(chunk, in_chunk);
+          in_chunk = 0;
+        }
+        continue;
+      }
+    }
+    if (n >= limit) break;
+    const uint32_t u = unit_at(source, n);
+    if (u == 0) break;
+    if (u >= 0x80) {
+      ascii = false;
+      break;
+    }
+    chunk[in_chunk++] = char(u);
+    if (in_chunk == sizeof chunk) {
+      out.append(chunk, in_chunk);
+      in_chunk = 0;
+    }
+    ++n;
+  }
+  if (ascii) {
+    out.append(chunk, in_chunk);
+  } else {
+    out.clear();
+    n = utf16_general(source, out, max_bytes);
+  }
+  uint32_t consumed = n * 2;
+  // Step over the zero unit when one was met inside the limit. The compare
+  // is on signed values, so an unbounded read (all bits set) never adds it.
+  if (count_terminator && consumed != 0 &&
+      int64_t(int32_t(consumed)) < int64_t(int32_t(max_bytes)) - 1) {
+    consumed += 2;
+  }
+  return consumed;
+}
+
+// The conversion of a text with units beyond ASCII: its units are counted
+// and checked first, then converted. Returns the units read.
+static uint32_t utf16_general(const uint8_t* source, std::string& out, uint32_t max_bytes) {
   const utf16_scan sc = scan_utf16(source, max_bytes);
   const uint32_t n = sc.units;
   if (n != 0) {
@@ -253,14 +319,7 @@ uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
       out.resize(w);
     }
   }
-  uint32_t consumed = n * 2;
-  // Step over the zero unit when one was met inside the limit. The compare
-  // is on signed values, so an unbounded read (all bits set) never adds it.
-  if (count_terminator && consumed != 0 &&
-      int64_t(int32_t(consumed)) < int64_t(int32_t(max_bytes)) - 1) {
-    consumed += 2;
-  }
-  return consumed;
+  return n;
 }
 
 // ---- Case and trimming ---------------------------------------------------
@@ -728,6 +787,52 @@ void utf16_runs(const uint8_t* data, uint32_t length, uint32_t min_length,
     i += 2;
   }
   finish();
+}
+
+void text_runs(const uint8_t* data, uint32_t length, uint32_t ascii_min, uint32_t utf16_min,
+               bool allow_line_controls, bool skip_leading_punctuation,
+               std::vector<run_position>& ascii, std::vector<run_position>& utf16) {
+  ascii.clear();
+  utf16.clear();
+  if (!data) return;
+  // The ASCII search looks at every byte. The UTF-16 search looks at the
+  // byte at `wide_next` and the one after it, and moves on by 2 after a
+  // character and by 1 otherwise; it ends when fewer than 2 bytes are left.
+  uint32_t a_start = 0, a_len = 0;
+  bool visible = false;
+  uint32_t w_start = 0, w_len = 0;
+  uint32_t wide_next = 0;
+  const uint32_t wide_end = length >= 2 ? length - 1 : 0;  // first position it can't read
+  for (uint32_t i = 0; i < length; ++i) {
+    const uint8_t b = data[i];
+    const bool text = counts_as_text(b, allow_line_controls);
+    const bool leading_skip =
+        b == ' ' || (skip_leading_punctuation && is_leading_punctuation(b));
+    if (!text) {
+      if (a_len > 0 && a_len >= ascii_min && visible) ascii.push_back({a_start, a_len});
+      a_len = 0;
+      visible = false;
+    } else if (a_len != 0 || !leading_skip) {
+      if (a_len == 0) a_start = i;
+      ++a_len;
+      if (b != ' ' && b != '\r' && b != '\n') visible = true;
+    }
+    if (i != wide_next || i >= wide_end) continue;
+    if (data[i + 1] != 0 || !text) {
+      if (w_len > 0 && w_len >= utf16_min) utf16.push_back({w_start, w_len});
+      w_len = 0;
+      wide_next = i + 1;
+      continue;
+    }
+    wide_next = i + 2;
+    if (w_len == 0) {
+      if (leading_skip) continue;
+      w_start = i;
+    }
+    ++w_len;
+  }
+  if (a_len > 0 && a_len >= ascii_min) ascii.push_back({a_start, a_len});
+  if (w_len > 0 && w_len >= utf16_min) utf16.push_back({w_start, w_len});
 }
 
 bool decode_varint(uint64_t& out, const uint8_t* data, size_t length) {
