@@ -26,6 +26,25 @@ constexpr hex_pair_table kHexPairs;
 constexpr uint32_t kMaxNumberDigits = 32;
 constexpr char kZeros[kMaxNumberDigits + 1] = "00000000000000000000000000000000";
 
+// Writes `value` in lower-case hexadecimal at `p`, zero-filled to `digits`
+// (at most kMaxNumberDigits); returns the end of what it wrote.
+char* put_hex_at(char* p, uint64_t value, uint32_t digits) {
+  uint32_t significant = 1;
+  for (uint64_t v = value >> 4; v != 0; v >>= 4) ++significant;
+  const uint32_t width = digits > significant ? digits : significant;
+  char* const end = p + width;
+  char* q = end;
+  uint32_t left = significant;
+  for (; left >= 2; left -= 2, value >>= 8) {
+    const char* pair = kHexPairs[value & 0xFF];
+    *--q = pair[1];
+    *--q = pair[0];
+  }
+  if (left) *--q = kHexDigits[value & 0xF];
+  while (q > p) *--q = '0';
+  return end;
+}
+
 // Text values: backslashes become "/" first, then a backslash goes ahead of
 // every double quote, so that the escape itself survives.
 // Whether one of the 8 bytes of `w` is a backslash or a double quote.
@@ -137,18 +156,21 @@ void append_decimal(std::string& out, uint64_t value) {
 }
 
 void render_fields(std::string& out, decoded_fields& fields) {
+  // An entry is composed in a buffer on the stack and appended at once: its
+  // head, its name unless very long, and a number value with its closing
+  // quote. Texts, GUIDs and bytes are appended behind the head.
+  constexpr size_t kInlineName = 128;
+  char buf[32 + kInlineName + 8 + kMaxNumberDigits];
   uint64_t counter = 0;
   for (const auto& e : fields) {
     const decoded_field& f = e.field;
     ++counter;
-    // The entry's head ( ;"NN- ) in one piece.
-    char head[32];
-    size_t n = 0;
-    if (counter > 1) head[n++] = ';';
-    head[n++] = '"';
+    char* p = buf;
+    if (counter > 1) *p++ = ';';
+    *p++ = '"';
     if (counter < 10) {
-      head[n++] = '0';
-      head[n++] = static_cast<char>('0' + counter);
+      *p++ = '0';
+      *p++ = static_cast<char>('0' + counter);
     } else {
       char digits[20];
       size_t at = sizeof digits;
@@ -157,19 +179,37 @@ void render_fields(std::string& out, decoded_fields& fields) {
         digits[--at] = static_cast<char>('0' + v % 10);
         v /= 10;
       } while (v != 0);
-      for (; at < sizeof digits; ++at) head[n++] = digits[at];
+      for (; at < sizeof digits; ++at) *p++ = digits[at];
     }
     if (!f.name.empty()) {
-      head[n++] = '-';
-      out.append(head, n);
-      out += f.name;
-      out.append("\":\"", 3);
-    } else {
-      head[n++] = '"';
-      head[n++] = ':';
-      head[n++] = '"';
-      out.append(head, n);
+      *p++ = '-';
+      if (f.name.size() <= kInlineName) {
+        std::memcpy(p, f.name.data(), f.name.size());
+        p += f.name.size();
+      } else {
+        out.append(buf, static_cast<size_t>(p - buf));
+        out += f.name;
+        p = buf;
+      }
     }
+    *p++ = '"';
+    *p++ = ':';
+    *p++ = '"';
+    if (f.text.empty() && f.bytes.empty()) {
+      // A number (or a skip without its text, which shows nothing).
+      const uint8_t family = f.subtype >> 4;
+      if (family != 0xC && family != 0xE) {
+        uint64_t width = uint64_t{f.size} * 2;
+        if (width > kMaxNumberDigits) width = kMaxNumberDigits;
+        *p++ = '0';
+        *p++ = 'x';
+        p = put_hex_at(p, f.number, static_cast<uint32_t>(width));
+      }
+      *p++ = '"';
+      out.append(buf, static_cast<size_t>(p - buf));
+      continue;
+    }
+    out.append(buf, static_cast<size_t>(p - buf));
     append_value(out, f);
     out += '"';
   }

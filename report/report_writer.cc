@@ -29,6 +29,12 @@ std::string& line_buffer() {
 }
 
 void put_blanks(std::string& out, uint64_t n) {
+  // Padding of a usual column comes from a row of blanks in one copy.
+  static constexpr char kBlanks[65] = "                                                                ";
+  if (n <= 64) {
+    out.append(kBlanks, static_cast<size_t>(n));
+    return;
+  }
   if (n > kMaxPad) n = kMaxPad;
   out.append(static_cast<size_t>(n), ' ');
 }
@@ -407,7 +413,7 @@ void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_
   const size_t start = out.size();
   size_t n = c.text.size();
   if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
-  out.append(c.text, 0, n);
+  out.append(c.text.data(), n);
   clean_field(out, start, o.separator_char, o.sub_separator_char);
   const uint64_t field = (!o.no_whitespace && prefix <= w) ? w - prefix : 0;
   if (s.csv) {

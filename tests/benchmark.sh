@@ -41,12 +41,17 @@ run_forms() {
   list=$3
   for mode in "" "-csv" "-csvl2t" "-jsonl"; do
     start=$(date +%s.%N)
-    rows=$( { /usr/bin/time -f "%M" -o "$dir/rss" "$quon" -quiet $mode -log "$list"; } | wc -l)
+    rows=$( { /usr/bin/time -f "%M %U %S" -o "$dir/rss" "$quon" -quiet $mode -log "$list"; } | wc -l)
     end=$(date +%s.%N)
     secs=$(echo "$end - $start" | bc -l)
+    read -r rss user sys < "$dir/rss"
+    # The processor time of quon alone as well: on a machine shared with
+    # other work the wall time also counts the waits.
+    cpu=$(echo "$user + $sys" | bc -l)
     say "$label mode '${mode:-default}': $bytes bytes, $rows lines in $(echo "$secs" | cut -c1-6) s:" \
       "$(echo "$bytes / 1048576 / $secs" | bc -l | cut -c1-7) MB/s," \
-      "$(echo "$rows / $secs" | bc -l | cut -d. -f1) rows/s, peak RSS $(cat "$dir/rss") KiB"
+      "$(echo "$rows / $secs" | bc -l | cut -d. -f1) rows/s," \
+      "cpu $cpu s ($(echo "$bytes / 1048576 / $cpu" | bc -l | cut -c1-7) MB/s), peak RSS $rss KiB"
   done
 }
 
