@@ -375,7 +375,9 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
                        const report_options& o) {
   const uint64_t field = prefix < w ? w - prefix : 0;
   const uint64_t v = c.number;
-  char buf[kNumberBuffer];
+  // Room in front of the text for the blanks of a usual column.
+  constexpr size_t kBlankRoom = 64;
+  char buf[kBlankRoom + kNumberBuffer];
   char* const end = buf + sizeof buf;
   char* p = end;
   if ((c.flags & rf_zero_blank) && v == 0) {
@@ -403,7 +405,17 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
     *--p = '0';
   }
   const size_t n = static_cast<size_t>(end - p);
-  if (!o.no_whitespace && n < field) put_blanks(out, field - n);
+  if (!o.no_whitespace && n < field) {
+    if (field - n <= kBlankRoom) {
+      // Blanks and text in one piece.
+      const size_t blanks = static_cast<size_t>(field - n);
+      p -= blanks;
+      std::memset(p, ' ', blanks);
+      out.append(p, n + blanks);
+      return;
+    }
+    put_blanks(out, field - n);
+  }
   out.append(p, n);
 }
 
