@@ -155,17 +155,88 @@ void append_decimal(std::string& out, uint64_t value) {
   out.append(buf + at, sizeof buf - at);
 }
 
+namespace {
+
+// Writing straight into the end of a string: room is made in large steps
+// (the string grows, zero-filled, by a kilobyte or more at a time) and what
+// was written is counted; the string is cut back to it when done. Texts go
+// from their field to the line in one copy, and nothing is composed on the
+// side only to be copied again.
+class direct_writer {
+ public:
+  explicit direct_writer(std::string& s) : s_(s), used_(s.size()) {}
+  ~direct_writer() { s_.resize(used_); }
+  direct_writer(const direct_writer&) = delete;
+  direct_writer& operator=(const direct_writer&) = delete;
+
+  // At least `n` writable bytes at the returned place.
+  char* room(size_t n) {
+    if (s_.size() - used_ < n) s_.resize(used_ + (n > kStep ? n : kStep));
+    return s_.data() + used_;
+  }
+  void advance(size_t n) { used_ += n; }
+  void put(const char* p, size_t n) {
+    std::memcpy(room(n), p, n);
+    used_ += n;
+  }
+  // The string as written so far, for helpers that append to it; `resume`
+  // takes back what they added.
+  std::string& settle() {
+    s_.resize(used_);
+    return s_;
+  }
+  void resume() { used_ = s_.size(); }
+
+ private:
+  static constexpr size_t kStep = 1024;
+  std::string& s_;
+  size_t used_;
+};
+
+// A text value (see append_text_value) written at the writer.
+void write_text_value(direct_writer& w, const std::string& text) {
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  // Each character takes two places at most (a quote and its backslash).
+  char* q = w.room(2 * text.size());
+  char* const start = q;
+  while (p != end) {
+    // Eight bytes at a time while none is a backslash or a quote.
+    if (end - p >= 8) {
+      uint64_t word;
+      std::memcpy(&word, p, 8);
+      if (!has_escape_byte(word)) {
+        std::memcpy(q, p, 8);
+        p += 8;
+        q += 8;
+        continue;
+      }
+    }
+    const char ch = *p++;
+    if (ch == '\\') {
+      *q++ = '/';
+    } else if (ch == '"') {
+      *q++ = '\\';
+      *q++ = '"';
+    } else {
+      *q++ = ch;
+    }
+  }
+  w.advance(static_cast<size_t>(q - start));
+}
+
+}  // namespace
+
 void render_fields(std::string& out, decoded_fields& fields) {
-  // An entry is composed in a buffer on the stack and appended at once: its
-  // head, its name unless very long, and a number value with its closing
-  // quote. Texts, GUIDs and bytes are appended behind the head.
-  constexpr size_t kInlineName = 128;
-  char buf[32 + kInlineName + 8 + kMaxNumberDigits];
+  direct_writer w(out);
   uint64_t counter = 0;
   for (const auto& e : fields) {
     const decoded_field& f = e.field;
     ++counter;
-    char* p = buf;
+    // The head ;"NN-name":" and, for a number, the value and its quote: the
+    // head's fixed part, the name, and "0x" and 32 digits at most.
+    char* const start = w.room(32 + f.name.size() + 8 + kMaxNumberDigits);
+    char* p = start;
     if (counter > 1) *p++ = ';';
     *p++ = '"';
     if (counter < 10) {
@@ -183,19 +254,19 @@ void render_fields(std::string& out, decoded_fields& fields) {
     }
     if (!f.name.empty()) {
       *p++ = '-';
-      if (f.name.size() <= kInlineName) {
-        std::memcpy(p, f.name.data(), f.name.size());
-        p += f.name.size();
-      } else {
-        out.append(buf, static_cast<size_t>(p - buf));
-        out += f.name;
-        p = buf;
-      }
+      std::memcpy(p, f.name.data(), f.name.size());
+      p += f.name.size();
     }
     *p++ = '"';
     *p++ = ':';
     *p++ = '"';
-    if (f.text.empty() && f.bytes.empty()) {
+    if (!f.text.empty()) {
+      w.advance(static_cast<size_t>(p - start));
+      write_text_value(w, f.text);
+      w.put("\"", 1);
+      continue;
+    }
+    if (f.bytes.empty()) {
       // A number (or a skip without its text, which shows nothing).
       const uint8_t family = f.subtype >> 4;
       if (family != 0xC && family != 0xE) {
@@ -206,11 +277,14 @@ void render_fields(std::string& out, decoded_fields& fields) {
         p = put_hex_at(p, f.number, static_cast<uint32_t>(width));
       }
       *p++ = '"';
-      out.append(buf, static_cast<size_t>(p - buf));
+      w.advance(static_cast<size_t>(p - start));
       continue;
     }
-    out.append(buf, static_cast<size_t>(p - buf));
-    append_value(out, f);
-    out += '"';
+    // GUIDs and bytes through the string helpers.
+    w.advance(static_cast<size_t>(p - start));
+    std::string& s = w.settle();
+    append_value(s, f);
+    s += '"';
+    w.resume();
   }
 }

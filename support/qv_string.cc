@@ -789,12 +789,45 @@ void utf16_runs(const uint8_t* data, uint32_t length, uint32_t min_length,
   finish();
 }
 
+namespace {
+
+// What the run searches ask of a byte, in one table per setting: whether it
+// counts as text, whether a run may not start with it, and whether it is
+// something besides blank, CR and LF.
+enum : uint8_t { byte_text = 1, byte_lead_skip = 2, byte_visible = 4 };
+
+struct byte_classes {
+  uint8_t of[4][256];
+  constexpr byte_classes() : of() {
+    for (int setting = 0; setting < 4; ++setting) {
+      const bool controls = setting & 1;
+      const bool punct = setting & 2;
+      for (int v = 0; v < 256; ++v) {
+        const uint8_t b = uint8_t(v);
+        const bool text = (b >= 32 && b <= 126) || (controls && (b == '\r' || b == '\n' || b == '\t'));
+        const bool lead = (b >= 32 && b <= 46) || (b >= 58 && b <= 64) || (b >= 92 && b <= 96) ||
+                          (b >= 124 && b <= 126);
+        uint8_t c = 0;
+        if (text) c |= byte_text;
+        if (b == ' ' || (punct && lead)) c |= byte_lead_skip;
+        if (b != ' ' && b != '\r' && b != '\n') c |= byte_visible;
+        of[setting][v] = c;
+      }
+    }
+  }
+};
+constexpr byte_classes kByteClasses;
+
+}  // namespace
+
 void text_runs(const uint8_t* data, uint32_t length, uint32_t ascii_min, uint32_t utf16_min,
                bool allow_line_controls, bool skip_leading_punctuation,
                std::vector<run_position>& ascii, std::vector<run_position>& utf16) {
   ascii.clear();
   utf16.clear();
   if (!data) return;
+  const uint8_t* classes =
+      kByteClasses.of[(allow_line_controls ? 1 : 0) | (skip_leading_punctuation ? 2 : 0)];
   // The ASCII search looks at every byte. The UTF-16 search looks at the
   // byte at `wide_next` and the one after it, and moves on by 2 after a
   // character and by 1 otherwise; it ends when fewer than 2 bytes are left.
@@ -804,21 +837,18 @@ void text_runs(const uint8_t* data, uint32_t length, uint32_t ascii_min, uint32_
   uint32_t wide_next = 0;
   const uint32_t wide_end = length >= 2 ? length - 1 : 0;  // first position it can't read
   for (uint32_t i = 0; i < length; ++i) {
-    const uint8_t b = data[i];
-    const bool text = counts_as_text(b, allow_line_controls);
-    const bool leading_skip =
-        b == ' ' || (skip_leading_punctuation && is_leading_punctuation(b));
-    if (!text) {
+    const uint8_t c = classes[data[i]];
+    if (!(c & byte_text)) {
       if (a_len > 0 && a_len >= ascii_min && visible) ascii.push_back({a_start, a_len});
       a_len = 0;
       visible = false;
-    } else if (a_len != 0 || !leading_skip) {
+    } else if (a_len != 0 || !(c & byte_lead_skip)) {
       if (a_len == 0) a_start = i;
       ++a_len;
-      if (b != ' ' && b != '\r' && b != '\n') visible = true;
+      visible |= (c & byte_visible) != 0;
     }
     if (i != wide_next || i >= wide_end) continue;
-    if (data[i + 1] != 0 || !text) {
+    if (data[i + 1] != 0 || !(c & byte_text)) {
       if (w_len > 0 && w_len >= utf16_min) utf16.push_back({w_start, w_len});
       w_len = 0;
       wide_next = i + 1;
@@ -826,7 +856,7 @@ void text_runs(const uint8_t* data, uint32_t length, uint32_t ascii_min, uint32_
     }
     wide_next = i + 2;
     if (w_len == 0) {
-      if (leading_skip) continue;
+      if (c & byte_lead_skip) continue;
       w_start = i;
     }
     ++w_len;
