@@ -227,7 +227,7 @@ void write_text_value(direct_writer& w, const std::string& text) {
 
 }  // namespace
 
-void render_fields(std::string& out, decoded_fields& fields) {
+void render_fields(std::string& out, const decoded_fields& fields) {
   direct_writer w(out);
   uint64_t counter = 0;
   for (const auto& e : fields) {

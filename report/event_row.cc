@@ -147,12 +147,24 @@ void write_event_columns(std::ostream& out, report_options& opts) {
   write_column_line(out, opts);
 }
 
-void render_extra_data(etl_record& record, std::string& out) {
+void render_extra_data(const etl_record& record, std::string& out) {
   if (record.fields.empty()) return;
   out += "data{";
   render_fields(out, record.fields);
   out.push_back('}');
 }
+
+namespace {
+
+// The data cell of an event row: the mark of a corrupted record, then the
+// decoded fields.
+void render_data_cell(std::string& out, const void* source) {
+  const etl_record& record = *static_cast<const etl_record*>(source);
+  if (!record.valid) out.append(kCorrupted);
+  render_extra_data(record, out);
+}
+
+}  // namespace
 
 void write_event_row(etl_record& record, std::ostream& out, report_options& opts) {
   if (opts.header_row_pending && !opts.format_l2t) write_event_columns(out, opts);
@@ -185,10 +197,12 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
   i += set_cell_number(row, i, record.keyword, rt_u64, rf_hex);
   i += set_cell_number(row, i, record.time_word, rt_u64, rf_hex);
   i += set_cell_number(row, i, record.processor, rt_u8, rf_decimal);
-  if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
-    if (!record.valid) extra->append(kCorrupted);
-    render_extra_data(record, *extra);
-    finish_cell_text(row, i);
+  // The data cell is written straight into the line.
+  if (!set_cell_rendered_text(row, i, render_data_cell, &record)) {
+    if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
+      render_data_cell(*extra, &record);
+      finish_cell_text(row, i);
+    }
   }
   write_report_row(out, row, opts);
 }

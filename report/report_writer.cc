@@ -423,9 +423,14 @@ void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_
                      const line_settings& s) {
   const report_options& o = s.o;
   const size_t start = out.size();
-  size_t n = c.text.size();
-  if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
-  out.append(c.text.data(), n);
+  if (c.render) {
+    c.render(out, c.source);
+    if ((c.flags & rf_cut) && out.size() - start > c.max_text) out.resize(start + c.max_text);
+  } else {
+    size_t n = c.text.size();
+    if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
+    out.append(c.text.data(), n);
+  }
   clean_field(out, start, o.separator_char, o.sub_separator_char);
   const uint64_t field = (!o.no_whitespace && prefix <= w) ? w - prefix : 0;
   if (s.csv) {
@@ -642,6 +647,20 @@ std::string* begin_cell_text(report_row& row, int32_t index, uint16_t type, uint
   report_cell* cell = nullptr;
   prepare_cell(row, index, type, flags, cell);
   return cell ? &cell->text : nullptr;
+}
+
+bool set_cell_rendered_text(report_row& row, int32_t index,
+                            void (*render)(std::string& out, const void* source),
+                            const void* source) {
+  // The rules that finish_text would apply to a stored text.
+  if (row.default_flags & rf_quote) return false;
+  if (row.default_flags == rf_flatten) return false;
+  report_cell* cell = nullptr;
+  prepare_cell(row, index, rt_text, 0, cell);
+  if (!cell) return true;
+  cell->render = render;
+  cell->source = source;
+  return true;
 }
 
 void finish_cell_text(report_row& row, int32_t index) {

@@ -38,6 +38,15 @@ int32_t set_cell_stream(report_row& row, int32_t index, const std::ostringstream
 std::string* begin_cell_text(report_row& row, int32_t index, uint16_t type, uint32_t flags);
 void finish_cell_text(report_row& row, int32_t index);
 
+// A text cell whose text `render` writes from `source` straight into the
+// line when the row is written (`source` must live until then). Only for a
+// cell without storing-time rules: false, and nothing stored, when the
+// row's flags ask for quotes or line-break flattening; the caller then
+// stores the text with begin_cell_text.
+bool set_cell_rendered_text(report_row& row, int32_t index,
+                            void (*render)(std::string& out, const void* source),
+                            const void* source);
+
 // Writes the column names; clears header_row_pending.
 void write_column_line(std::ostream& out, report_options& opts);
 // Writes one row as one line (the column line first if still pending).
