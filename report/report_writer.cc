@@ -5,6 +5,7 @@
 
 #include "report/report_writer.h"
 
+#include <bit>
 #include <cstring>
 
 #include "report/report_options.h"
@@ -100,35 +101,8 @@ struct hex_pair_table {
 };
 constexpr hex_pair_table kHexPairs;
 
-// Number texts composed on the stack end at `end` and are written backwards:
-// the widest is "0x" and kMaxStackDigits digits.
-constexpr uint64_t kMaxStackDigits = 64;
-constexpr size_t kNumberBuffer = kMaxStackDigits + 8;
-
-// Lower-case hexadecimal of `v`, zero-filled to `digits` (at most
-// kMaxStackDigits), ending at `end`; returns its first character.
-char* hex_backwards(char* end, uint64_t v, uint64_t digits) {
-  // Zeros first, in one fixed-size copy; the digits go over them.
-  static constexpr char kZeros[kMaxStackDigits + 1] =
-      "0000000000000000000000000000000000000000000000000000000000000000";
-  std::memcpy(end - kMaxStackDigits, kZeros, kMaxStackDigits);
-  char* p = end;
-  while (v >= 0x100) {
-    const char* pair = kHexPairs.pairs[v & 0xFF];
-    *--p = pair[1];
-    *--p = pair[0];
-    v >>= 8;
-  }
-  if (v >= 0x10) {
-    const char* pair = kHexPairs.pairs[v];
-    *--p = pair[1];
-    *--p = pair[0];
-  } else {
-    *--p = kHexDigits[v];
-  }
-  char* const first = end - digits;
-  return first < p ? first : p;
-}
+// The widest zero fill a number cell writes in place.
+constexpr uint64_t kMaxInPlaceDigits = 64;
 
 // Decimal of `v` ending at `end`; returns its first character.
 char* decimal_backwards(char* end, uint64_t v) {
@@ -367,56 +341,96 @@ void write_number_cell_in_place(std::string& out, const report_cell& c, uint64_t
   if (!o.no_whitespace) pad_right_aligned(out, start, field);
 }
 
-// Number cells: the text is composed on the stack, so that the blanks of
-// the right alignment go in ahead of it instead of being inserted after.
-// Zero fills wider than the stack text (only from odd column widths) and the
-// hexadecimal-and-decimal form take the in-place path.
+// Hexadecimal digits of `v` (at least one).
+size_t hex_length(uint64_t v) {
+  return v == 0 ? 1 : static_cast<size_t>((std::bit_width(v) + 3) / 4);
+}
+
+size_t decimal_length(uint64_t v) {
+  size_t n = 1;
+  while (v >= 10) {
+    v /= 10;
+    ++n;
+  }
+  return n;
+}
+
+// Writes the hexadecimal digits of `v` backwards to end at `end`, zero
+// filled to `digits`; returns the first character written.
+char* put_hex_backwards(char* end, uint64_t v, size_t digits) {
+  char* p = end;
+  while (v >= 0x100) {
+    const char* pair = kHexPairs.pairs[v & 0xFF];
+    *--p = pair[1];
+    *--p = pair[0];
+    v >>= 8;
+  }
+  if (v >= 0x10) {
+    const char* pair = kHexPairs.pairs[v];
+    *--p = pair[1];
+    *--p = pair[0];
+  } else {
+    *--p = kHexDigits[v];
+  }
+  char* const first = end - digits;
+  while (p > first) *--p = '0';
+  return p;
+}
+
+// Number cells: the cell's room is made at once, blanks in front, and the
+// digits are written into it in place; no text is composed on the side to
+// be copied in. Zero fills wider than kMaxInPlaceDigits (only from odd column
+// widths) and the hexadecimal-and-decimal form take the general path.
 void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
                        const report_options& o) {
   const uint64_t field = prefix < w ? w - prefix : 0;
   const uint64_t v = c.number;
-  // Room in front of the text for the blanks of a usual column.
-  constexpr size_t kBlankRoom = 64;
-  char buf[kBlankRoom + kNumberBuffer];
-  char* const end = buf + sizeof buf;
-  char* p = end;
   if ((c.flags & rf_zero_blank) && v == 0) {
     if (!o.no_whitespace) put_blanks(out, field);
     return;
   }
+  enum { hex_0x, hex_bare, decimal } form;
+  uint64_t digits = 0;
   if (c.flags & rf_hex) {
-    const uint64_t digits = (!o.no_whitespace && prefix + 1 < w) ? w - prefix - 2 : 0;
-    if (digits > kMaxStackDigits) return write_number_cell_in_place(out, c, w, prefix, o);
-    p = hex_backwards(end, v, digits);
-    *--p = 'x';
-    *--p = '0';
+    form = hex_0x;
+    digits = (!o.no_whitespace && prefix + 1 < w) ? w - prefix - 2 : 0;
   } else if (c.flags & rf_hex_and_dec) {
     return write_number_cell_in_place(out, c, w, prefix, o);
   } else if (c.flags & rf_hex_bare) {
-    p = hex_backwards(end, v, type_digits(c.type));
+    form = hex_bare;
+    digits = type_digits(c.type);
   } else if ((c.flags & rf_decimal) || !o.base16) {
-    p = decimal_backwards(end, v);
+    form = decimal;
   } else {
-    uint64_t digits = type_digits(c.type);
+    form = hex_0x;
+    digits = type_digits(c.type);
     if (!o.no_whitespace && w >= prefix + 2) digits = w - prefix - 2;
-    if (digits > kMaxStackDigits) return write_number_cell_in_place(out, c, w, prefix, o);
-    p = hex_backwards(end, v, digits);
-    *--p = 'x';
-    *--p = '0';
   }
-  const size_t n = static_cast<size_t>(end - p);
-  if (!o.no_whitespace && n < field) {
-    if (field - n <= kBlankRoom) {
-      // Blanks and text in one piece.
-      const size_t blanks = static_cast<size_t>(field - n);
-      p -= blanks;
-      std::memset(p, ' ', blanks);
-      out.append(p, n + blanks);
-      return;
+  if (digits > kMaxInPlaceDigits) return write_number_cell_in_place(out, c, w, prefix, o);
+  size_t length;
+  if (form == decimal) {
+    length = decimal_length(v);
+  } else {
+    const size_t significant = hex_length(v);
+    length = (digits > significant ? static_cast<size_t>(digits) : significant) + (form == hex_0x ? 2 : 0);
+  }
+  size_t blanks = 0;
+  if (!o.no_whitespace && length < field) {
+    const uint64_t n = field - length;
+    blanks = static_cast<size_t>(n > kMaxPad ? kMaxPad : n);
+  }
+  const size_t at = out.size();
+  out.append(blanks + length, ' ');
+  char* const end = out.data() + at + blanks + length;
+  if (form == decimal) {
+    decimal_backwards(end, v);
+  } else {
+    char* p = put_hex_backwards(end, v, static_cast<size_t>(digits));
+    if (form == hex_0x) {
+      *--p = 'x';
+      *--p = '0';
     }
-    put_blanks(out, field - n);
   }
-  out.append(p, n);
 }
 
 void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
@@ -762,10 +776,9 @@ bool filetime_text::set(uint64_t ticks, const qv::datetime_format& fmt) {
 
 void filetime_text::append_time(std::string& out) const {
   // "hh:mm:ss" and the fraction, cut (never rounded) from the nanoseconds to
-  // `digits_` places.
+  // `digits_` places, written in place at the end of `out`.
   static constexpr uint64_t kPowers[10] = {1,      10,      100,      1000,      10000,
                                            100000, 1000000, 10000000, 100000000, 1000000000};
-  char buf[18];
   const uint64_t second = ticks_ / kTicksPerSecond;
   if (second != second_) {
     const uint32_t of_day = static_cast<uint32_t>(second % 86400);
@@ -776,16 +789,17 @@ void filetime_text::append_time(std::string& out) const {
     put_two(clock_ + 6, of_day % 60);
     second_ = second;
   }
-  std::memcpy(buf, clock_, 8);
-  size_t n = 8;
+  const size_t n = digits_ != 0 ? 9 + digits_ : 8;
+  const size_t at = out.size();
+  out.append(n, '0');
+  char* const p = out.data() + at;
+  std::memcpy(p, clock_, 8);
   if (digits_ != 0) {
-    buf[n++] = '.';
+    p[8] = '.';
     uint64_t v = ticks_ % kTicksPerSecond * 100 / kPowers[9 - digits_];
     for (uint32_t k = digits_; k > 0; --k) {
-      buf[n + k - 1] = static_cast<char>('0' + v % 10);
+      p[8 + k] = static_cast<char>('0' + v % 10);
       v /= 10;
     }
-    n += digits_;
   }
-  out.append(buf, n);
 }
