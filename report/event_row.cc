@@ -97,7 +97,7 @@ void write_timeline_event(etl_record& record, std::ostream& out, report_options&
 
   std::string& s = tl.short_text;
   s.push_back('{');
-  qv::append_guid_text(s, record.provider_id.data());
+  append_cached_guid_text(s, record.provider_id.data());
   s += "}; Event: ";
   append_id(s, shown_event_id(record), opts.base16);
 

@@ -190,36 +190,6 @@ void finish_text(report_cell& cell) {
   }
 }
 
-// The text of a GUID cell. Rows repeat the same few GUIDs (the providers of
-// a trace, the empty activity id), so texts are kept in a small table
-// indexed by a hash of the GUID's bytes.
-void append_cached_guid_text(std::string& out, const uint8_t* guid) {
-  struct entry {
-    uint8_t key[16];
-    char text[36];
-    bool used;
-  };
-  thread_local entry table[64] = {};
-  uint64_t lo, hi;
-  std::memcpy(&lo, guid, 8);
-  std::memcpy(&hi, guid + 8, 8);
-  const uint64_t h = (lo ^ (hi * 0x9E3779B97F4A7C15ULL)) * 0x9E3779B97F4A7C15ULL;
-  entry& e = table[h >> 58];
-  if (!e.used || std::memcmp(e.key, guid, 16) != 0) {
-    std::string text;
-    text.reserve(36);
-    qv::append_guid_text(text, guid);
-    if (text.size() != sizeof e.text) {
-      out += text;
-      return;
-    }
-    std::memcpy(e.key, guid, 16);
-    std::memcpy(e.text, text.data(), sizeof e.text);
-    e.used = true;
-  }
-  out.append(e.text, sizeof e.text);
-}
-
 // Everything the writer needs from the option record for one line.
 struct line_settings {
   const report_options& o;
@@ -802,4 +772,34 @@ void filetime_text::append_time(std::string& out) const {
       v /= 10;
     }
   }
+}
+
+// Rows repeat the same few GUIDs (the providers of a trace, the empty
+// activity id), so texts are kept in a small table indexed by a hash of the
+// GUID's bytes.
+void append_cached_guid_text(std::string& out, const uint8_t* guid) {
+  struct entry {
+    uint8_t key[16];
+    char text[36];
+    bool used;
+  };
+  thread_local entry table[64] = {};
+  uint64_t lo, hi;
+  std::memcpy(&lo, guid, 8);
+  std::memcpy(&hi, guid + 8, 8);
+  const uint64_t h = (lo ^ (hi * 0x9E3779B97F4A7C15ULL)) * 0x9E3779B97F4A7C15ULL;
+  entry& e = table[h >> 58];
+  if (!e.used || std::memcmp(e.key, guid, 16) != 0) {
+    std::string text;
+    text.reserve(36);
+    qv::append_guid_text(text, guid);
+    if (text.size() != sizeof e.text) {
+      out += text;
+      return;
+    }
+    std::memcpy(e.key, guid, 16);
+    std::memcpy(e.text, text.data(), sizeof e.text);
+    e.used = true;
+  }
+  out.append(e.text, sizeof e.text);
 }

@@ -47,6 +47,10 @@ bool set_cell_rendered_text(report_row& row, int32_t index,
                             void (*render)(std::string& out, const void* source),
                             const void* source);
 
+// Appends the 36 characters of qv::append_guid_text, from a small table of
+// the texts of the GUIDs seen last.
+void append_cached_guid_text(std::string& out, const uint8_t* guid);
+
 // Writes the column names; clears header_row_pending.
 void write_column_line(std::ostream& out, report_options& opts);
 // Writes one row as one line (the column line first if still pending).

@@ -28,12 +28,28 @@ void join(std::string& out, const std::string& text) {
   out += text;
 }
 
+// The moment of a stamp of any clock kind. A FILETIME is tested from its
+// bounds alone, as qv::time would judge it; the other kinds go through
+// qv::time.
+timeline_time moment_of(uint64_t value, qv::type_time kind) {
+  timeline_time t;
+  if (kind == qv::type_filetime) {
+    t.valid = qv::is_valid_filetime(value);
+    t.filetime = value;
+    return t;
+  }
+  const qv::time converted(value, kind);
+  t.valid = converted.is_valid();
+  t.filetime = converted.get_filetime();
+  return t;
+}
+
 // Takes entry `n` of the list, reusing the storage of an earlier call.
 timeline_entry& entry_at(std::vector<timeline_entry>& entries, size_t n) {
   if (n < entries.size()) {
     timeline_entry& e = entries[n];
     e.raw_time = 0;
-    e.time = qv::time();
+    e.time = timeline_time();
     e.macb.clear();
     e.type_text.clear();
     e.source_text.clear();
@@ -200,11 +216,11 @@ void set_slot_texts(timeline_record& r, std::string_view m, std::string_view a,
 
 void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
   size_t n = 0;
-  qv::time times[4];
+  timeline_time times[4];
   bool usable[4] = {};
   for (int s = 0; s < 4; ++s) {
     if (r.slot_time[s] == 0) continue;
-    times[s] = qv::time(r.slot_time[s], static_cast<qv::type_time>(r.time_kind));
+    times[s] = moment_of(r.slot_time[s], static_cast<qv::type_time>(r.time_kind));
     usable[s] = times[s].is_valid();
   }
   const size_t extras = r.extra_times.size();
@@ -240,7 +256,7 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
     bool extra_folded = false;
     for (size_t x = 0; x < extras; ++x) {
       if (r.extra_done[x]) continue;
-      const qv::time t(r.extra_times[x], qv::type_filetime);
+      const timeline_time t = moment_of(r.extra_times[x], qv::type_filetime);
       if (!t.is_valid() || t.get_filetime() != when) continue;
       r.extra_done[x] = true;
       extra_folded = true;
@@ -277,7 +293,7 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
   // Extra times that no slot took make lines of their own.
   for (size_t x = 0; x < extras; ++x) {
     if (r.extra_done[x]) continue;
-    const qv::time t(r.extra_times[x], qv::type_filetime);
+    const timeline_time t = moment_of(r.extra_times[x], qv::type_filetime);
     if (!t.is_valid() || r.extra_times[x] == 0) continue;
     r.extra_done[x] = true;
     timeline_entry& e = entry_at(entries, n++);

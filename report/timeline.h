@@ -49,9 +49,18 @@ struct timeline_record {
   qv::datetime_format datetime_format;
 };
 
+// The moment of a timeline line, as a FILETIME, and whether it is a valid
+// time (what qv::time gives for the stamp, without its broken-down forms).
+struct timeline_time {
+  uint64_t filetime = 0;
+  bool valid = false;
+  uint64_t get_filetime() const { return filetime; }
+  bool is_valid() const { return valid; }
+};
+
 struct timeline_entry {
   uint64_t raw_time = 0;
-  qv::time time;
+  timeline_time time;
   std::string macb;
   std::string type_text;
   std::string source_text;
