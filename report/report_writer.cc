@@ -12,6 +12,10 @@
 #include "support/qv_string.h"
 #include "support/qv_time.h"
 
+using report_detail::cell_at;
+using report_detail::is_two_cell;
+using report_detail::prepare_cell;
+
 namespace {
 
 constexpr char kHexDigits[] = "0123456789abcdef";
@@ -130,11 +134,6 @@ uint64_t type_digits(uint16_t type) {
   }
 }
 
-bool is_two_cell(uint16_t type) {
-  return type == rt_filetime_two || type == rt_unix_two || type == rt_chrome_two ||
-         type == rt_firefox_two || type == rt_safari_two;
-}
-
 bool is_time_type(uint16_t type) {
   return type == rt_filetime || (type >= rt_unix_two && type <= rt_safari) ||
          type == rt_filetime_two;
@@ -153,28 +152,6 @@ qv::type_time time_kind_of(uint16_t type) {
     case rt_safari: return qv::type_safari;
     default: return qv::type_filetime;
   }
-}
-
-report_cell* cell_at(report_row& row, int32_t index, uint16_t type) {
-  if (!row.valid || index < 0 || index >= row.count || type >= 32) return nullptr;
-  if (static_cast<size_t>(index) >= row.cells.size()) return nullptr;
-  return &row.cells[static_cast<size_t>(index)];
-}
-
-// Resets the cell and sets its type and flags; the second cell of a two-cell
-// type is reset to type 0. Returns the cells used.
-int32_t prepare_cell(report_row& row, int32_t index, uint16_t type, uint32_t flags,
-                     report_cell*& cell) {
-  cell = cell_at(row, index, type);
-  const int32_t used = is_two_cell(type) ? 2 : 1;
-  if (!cell) return 1;
-  cell->reset();
-  cell->type = type;
-  cell->flags = flags | row.default_flags;
-  if (used == 2) {
-    if (report_cell* second = cell_at(row, index + 1, rt_untyped)) second->reset();
-  }
-  return used;
 }
 
 // The storing-time rules of text cells.
@@ -672,14 +649,6 @@ int32_t set_cell_bytes(report_row& row, int32_t index, const uint8_t* data, uint
   report_cell* cell = nullptr;
   const int32_t used = prepare_cell(row, index, type, flags, cell);
   if (cell && data != nullptr) cell->bytes.assign(data, data + length);
-  return used;
-}
-
-int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
-                        uint32_t flags) {
-  report_cell* cell = nullptr;
-  const int32_t used = prepare_cell(row, index, type, flags, cell);
-  if (cell) cell->number = value;
   return used;
 }
 

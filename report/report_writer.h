@@ -25,8 +25,8 @@ int32_t set_cell_text(report_row& row, int32_t index, const std::string& text, u
                       uint32_t flags);
 int32_t set_cell_bytes(report_row& row, int32_t index, const uint8_t* data, uint32_t length,
                        uint16_t type, uint32_t flags);
-int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
-                        uint32_t flags);
+inline int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
+                               uint32_t flags);
 // The stream's text is taken as the cell's text.
 int32_t set_cell_stream(report_row& row, int32_t index, const std::ostringstream& stream,
                         uint16_t type, uint32_t flags);
@@ -103,3 +103,46 @@ class filetime_text {
   mutable uint64_t second_ = UINT64_MAX;
   mutable char clock_[8] = {};
 };
+
+// ---- Inline parts of the cell setters -------------------------------------
+// Rows are filled for every event: the setters of numbers and what they share
+// are kept where the compiler can see them.
+
+namespace report_detail {
+
+inline bool is_two_cell(uint16_t type) {
+  return type == rt_filetime_two || type == rt_unix_two || type == rt_chrome_two ||
+         type == rt_firefox_two || type == rt_safari_two;
+}
+
+inline report_cell* cell_at(report_row& row, int32_t index, uint16_t type) {
+  if (!row.valid || index < 0 || index >= row.count || type >= 32) return nullptr;
+  if (static_cast<size_t>(index) >= row.cells.size()) return nullptr;
+  return &row.cells[static_cast<size_t>(index)];
+}
+
+// Resets the cell and sets its type and flags; the second cell of a two-cell
+// type is reset to type 0. Returns the cells used.
+inline int32_t prepare_cell(report_row& row, int32_t index, uint16_t type, uint32_t flags,
+                            report_cell*& cell) {
+  cell = cell_at(row, index, type);
+  const int32_t used = is_two_cell(type) ? 2 : 1;
+  if (!cell) return 1;
+  cell->reset();
+  cell->type = type;
+  cell->flags = flags | row.default_flags;
+  if (used == 2) {
+    if (report_cell* second = cell_at(row, index + 1, rt_untyped)) second->reset();
+  }
+  return used;
+}
+
+}  // namespace report_detail
+
+inline int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
+                               uint32_t flags) {
+  report_cell* cell = nullptr;
+  const int32_t used = report_detail::prepare_cell(row, index, type, flags, cell);
+  if (cell) cell->number = value;
+  return used;
+}
