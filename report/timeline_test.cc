@@ -182,6 +182,34 @@ TEST(Timeline, TextCleanUp) {
   EXPECT_NE(lines(r).find("|\"a|b\"|"), std::string::npos);
 }
 
+// Only the data field wants a clean-up (the usual case): the other fields
+// stand as they are and the data field alone is cleaned, or quoted when its
+// separator has no substitute.
+TEST(Timeline, DataFieldCleanedAlone) {
+  timeline_record r;
+  event_record(r);
+  r.extra = "data{\"01-a\":\"x,y\";\"02-b\":\"l1\r\nl2\"}";
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),"
+                      "data{\"01-a\":\"x y\";\"02-b\":\"l1[CRLF]l2\"}\n");
+  // A data field that begins with a quote is quoted, its quotes doubled.
+  event_record(r);
+  r.extra = "\"q\"";
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),"
+                      "\"\"\"q\"\"\"\n");
+  // Without a substitute the field holding the separator is quoted.
+  event_record(r);
+  r.separator.assign(1, '|');
+  r.separator_char = '|';
+  r.sub_separator_char = 0;
+  r.extra = "a|b";
+  EXPECT_EQ(lines(r), "2026-03-04| 05:06:07.123|UTC|...B|ETL|S|ETL Entry|||sh|de|2|f||n|quon (ovrelt)|\"a|b\"\n");
+  // An earlier field wanting it too: every field goes through the clean-up.
+  event_record(r);
+  r.desc = "d,e";
+  r.extra = "x,y";
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,d e,2,f,,n,quon (ovrelt),x y\n");
+}
+
 // The texts the audit found to break a timeline line: the session name, the
 // file name and the notes, and the user's own -hostname and -username. A
 // field that would still start a quoted field is quoted, its quotes doubled.
