@@ -256,8 +256,9 @@ void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const 
   if (!o.no_whitespace) pad_left_aligned(out, start, w);
 }
 
-void write_number_cell_in_place(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
-                       const report_options& o) {
+// The general path of number cells: composed in the line, then padded.
+void write_number_cell_general(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+                               const report_options& o) {
   const size_t start = out.size();
   const uint64_t field = prefix < w ? w - prefix : 0;
   const uint64_t v = c.number;
@@ -342,7 +343,7 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
     form = hex_0x;
     digits = (!o.no_whitespace && prefix + 1 < w) ? w - prefix - 2 : 0;
   } else if (c.flags & rf_hex_and_dec) {
-    return write_number_cell_in_place(out, c, w, prefix, o);
+    return write_number_cell_general(out, c, w, prefix, o);
   } else if (c.flags & rf_hex_bare) {
     form = hex_bare;
     digits = type_digits(c.type);
@@ -353,7 +354,7 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
     digits = type_digits(c.type);
     if (!o.no_whitespace && w >= prefix + 2) digits = w - prefix - 2;
   }
-  if (digits > kMaxInPlaceDigits) return write_number_cell_in_place(out, c, w, prefix, o);
+  if (digits > kMaxInPlaceDigits) return write_number_cell_general(out, c, w, prefix, o);
   size_t length;
   if (form == decimal) {
     length = decimal_length(v);
