@@ -86,6 +86,11 @@ void append_id(std::string& out, uint64_t v, bool base16) {
   while (n > 0) out.push_back(buf[--n]);
 }
 
+// The extra field of a timeline line: the event's decoded fields.
+void render_extra_of(std::string& out, const void* source) {
+  render_extra_data(*static_cast<const etl_record*>(source), out);
+}
+
 void write_timeline_event(etl_record& record, std::ostream& out, report_options& opts) {
   thread_local timeline_record tl;
   reset_timeline_record(tl);
@@ -113,7 +118,9 @@ void write_timeline_event(etl_record& record, std::ostream& out, report_options&
   tl.filename.assign(opts.row_file_name);
   tl.notes.assign("Orig filename: ");
   tl.notes += opts.orig_source_path;
-  render_extra_data(record, tl.extra);
+  // The data goes straight into the line.
+  tl.render_extra = render_extra_of;
+  tl.extra_source = &record;
   write_timeline_lines(opts.header_row_pending, out, tl);
 }
 

@@ -180,6 +180,8 @@ void reset_timeline_record(timeline_record& r) {
   r.notes.clear();
   r.format.assign("-csvl2t");
   r.extra.clear();
+  r.render_extra = nullptr;
+  r.extra_source = nullptr;
   r.separator.assign(1, ',');
   r.separator_char = ',';
   r.sub_separator_char = ' ';
@@ -345,7 +347,11 @@ void append_fields(std::string& line, const timeline_entry& e, const timeline_re
   text(r.inode);
   text(r.notes);
   text(r.format);
-  text(r.extra);
+  if (r.render_extra && !clean) {
+    own([&] { r.render_extra(line, r.extra_source); });
+  } else {
+    text(r.extra);
+  }
 }
 
 }  // namespace
@@ -398,6 +404,9 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
     size_t starts[kTextFields];
     append_fields(line, e, r, starts, false);
     if (!fields_plain(line, begin, line.size(), starts, kTextFields, r)) {
+      // The clean-up reads the extra field's text from the record: a text
+      // written straight into the line is taken back from there.
+      if (r.render_extra) r.extra.assign(line, starts[kTextFields - 1], std::string::npos);
       if (fields_plain(line, begin, starts[kTextFields - 1], starts, kTextFields - 1, r)) {
         // Only the last field, the event's data, wants its clean-up; the
         // others stay as they are.

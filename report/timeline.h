@@ -40,6 +40,11 @@ struct timeline_record {
   std::string notes;
   std::string format = "-csvl2t";
   std::string extra;
+  // When set, the extra field's text is written by `render_extra` from
+  // `extra_source` straight into the line (and into `extra` only when the
+  // line must be cleaned); `extra` is then not read otherwise.
+  void (*render_extra)(std::string& out, const void* source) = nullptr;
+  const void* extra_source = nullptr;
   std::string separator = ",";
   char separator_char = ',';
   char sub_separator_char = ' ';
