@@ -404,15 +404,17 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
     size_t starts[kTextFields];
     append_fields(line, e, r, starts, false);
     if (!fields_plain(line, begin, line.size(), starts, kTextFields, r)) {
-      // The clean-up reads the extra field's text from the record: a text
-      // written straight into the line is taken back from there.
-      if (r.render_extra) r.extra.assign(line, starts[kTextFields - 1], std::string::npos);
-      if (fields_plain(line, begin, starts[kTextFields - 1], starts, kTextFields - 1, r)) {
+      const size_t last = starts[kTextFields - 1];
+      if (fields_plain(line, begin, last, starts, kTextFields - 1, r)) {
         // Only the last field, the event's data, wants its clean-up; the
-        // others stay as they are.
-        line.resize(starts[kTextFields - 1]);
-        put_field(line, r.extra, r);
+        // others stay as they are, and the data is cleaned where it stands,
+        // as put_field would clean it behind them.
+        clean_field(line, last, r.separator_char, r.sub_separator_char);
+        if (csv_field_needs_quotes(line, last, r.separator)) quote_csv_field(line, last, 0);
       } else {
+        // The clean-up reads the extra field's text from the record: a
+        // text written straight into the line is taken back from there.
+        if (r.render_extra) r.extra.assign(line, last, std::string::npos);
         line.resize(begin);
         append_fields(line, e, r, starts, true);
       }
