@@ -181,8 +181,13 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
   }
   thread_local report_row row;
   // No columns (as under -csvl2t, which never fills the table) or too many:
-  // the event is dropped without a word.
-  if (!init_report_row(row, column_count(opts), row_flags(opts))) return;
+  // the event is dropped without a word. The sixteen cells of the table
+  // are all set below.
+  const int32_t count = column_count(opts);
+  if (count == 16 ? !init_report_row_for_all_cells(row, count, row_flags(opts))
+                  : !init_report_row(row, count, row_flags(opts))) {
+    return;
+  }
 
   int32_t i = 0;
   if (record.absolute_time != 0) {

@@ -590,6 +590,12 @@ void quote_csv_field(std::string& out, size_t start, uint64_t width) {
 }
 
 bool init_report_row(report_row& row, int32_t count, uint32_t default_flags) {
+  if (!init_report_row_for_all_cells(row, count, default_flags)) return false;
+  for (int32_t i = 0; i < count; ++i) row.cells[static_cast<size_t>(i)].reset();
+  return true;
+}
+
+bool init_report_row_for_all_cells(report_row& row, int32_t count, uint32_t default_flags) {
   row.valid = 0;
   row.count = 0;
   row.default_flags = default_flags;
@@ -599,7 +605,6 @@ bool init_report_row(report_row& row, int32_t count, uint32_t default_flags) {
   } catch (const std::bad_alloc&) {
     return false;
   }
-  for (int32_t i = 0; i < count; ++i) row.cells[static_cast<size_t>(i)].reset();
   row.count = count;
   row.valid = 1;
   return true;

@@ -18,6 +18,10 @@ struct report_options;
 
 // Valid when 0 < count < 256. Reuses the cells' storage.
 bool init_report_row(report_row& row, int32_t count, uint32_t default_flags);
+// init_report_row for a caller that sets every one of the `count` cells
+// before the row is written: each cell is reset when it is set, and not here
+// as well.
+bool init_report_row_for_all_cells(report_row& row, int32_t count, uint32_t default_flags);
 // Each resets the cell and returns the cells used (1, or 2 for two-cell types).
 // An index out of range, an invalid row or a type of 32 or more stores
 // nothing and still returns 1.

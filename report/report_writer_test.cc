@@ -475,6 +475,33 @@ TEST(ReportWriter, RenderedTextCellsWriteWhatStoredTextsWrite) {
   EXPECT_FALSE(set_cell_rendered_text(row, 1, render, &t));
 }
 
+TEST(ReportWriter, RowRefilledCellByCellWritesLikeAFreshRow) {
+  // A row taken again without the reset of its cells, every cell then set:
+  // nothing of the earlier row stays, whatever kind each cell was before.
+  report_options o;
+  defaults(o);
+  set_columns(o, {{0, 6}, {0, 4}, {0, 5}});
+  report_row reused;
+  ASSERT_TRUE(init_report_row(reused, 3, 0));
+  set_cell_text(reused, 0, "old text", rt_text, rf_cut);
+  const uint8_t guid[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+  set_cell_bytes(reused, 1, guid, 16, rt_guid, 0);
+  set_cell_number(reused, 2, 77, rt_u8, rf_hex);
+  ASSERT_TRUE(init_report_row_for_all_cells(reused, 3, 0));
+  set_cell_number(reused, 0, 5, rt_u16, 0);
+  set_cell_text(reused, 1, "ab", rt_text, 0);
+  set_cell_number(reused, 2, 9, rt_u8, rf_decimal);
+  report_row fresh;
+  ASSERT_TRUE(init_report_row(fresh, 3, 0));
+  set_cell_number(fresh, 0, 5, rt_u16, 0);
+  set_cell_text(fresh, 1, "ab", rt_text, 0);
+  set_cell_number(fresh, 2, 9, rt_u8, rf_decimal);
+  EXPECT_EQ(write_row(o, reused), write_row(o, fresh));
+  EXPECT_EQ(write_row(o, fresh), "0x0005 | ab   |     9\n");
+  EXPECT_FALSE(init_report_row_for_all_cells(reused, 0, 0));
+  EXPECT_FALSE(init_report_row_for_all_cells(reused, 256, 0));
+}
+
 TEST(ReportWriter, TimeTicksAndGuidCells) {
   report_options o;
   defaults(o);
