@@ -49,23 +49,15 @@ class decoded_fields {
   // A reset field placed at `key`, or nullptr when the key is taken. The
   // pointer stays good until the next `add` or `clear`.
   decoded_field* add(uint64_t key) {
-    size_t i = count_;
-    if (count_ != 0 && entries_[count_ - 1].key >= key) {
-      i = lower_bound(key);
-      if (i < count_ && entries_[i].key == key) return nullptr;
+    // The usual case, a key past the last one with a spare entry behind the
+    // live ones, is kept small; the rest goes through add_elsewhere.
+    if ((count_ == 0 || entries_[count_ - 1].key < key) && count_ < entries_.size()) {
+      entry& e = entries_[count_++];
+      e.key = key;
+      e.field.reset();
+      return &e.field;
     }
-    if (entries_.size() == count_) entries_.emplace_back();
-    if (i != count_) {
-      // Bring the spare entry at `count_` to position `i`.
-      std::rotate(entries_.begin() + static_cast<std::ptrdiff_t>(i),
-                  entries_.begin() + static_cast<std::ptrdiff_t>(count_),
-                  entries_.begin() + static_cast<std::ptrdiff_t>(count_ + 1));
-    }
-    ++count_;
-    entry& e = entries_[i];
-    e.key = key;
-    e.field.reset();
-    return &e.field;
+    return add_elsewhere(key);
   }
 
   // Inserts a copy; false when the key is taken.
@@ -98,6 +90,26 @@ class decoded_fields {
   entry* end() { return entries_.data() + count_; }
 
  private:
+  [[gnu::noinline]] decoded_field* add_elsewhere(uint64_t key) {
+    size_t i = count_;
+    if (count_ != 0 && entries_[count_ - 1].key >= key) {
+      i = lower_bound(key);
+      if (i < count_ && entries_[i].key == key) return nullptr;
+    }
+    if (entries_.size() == count_) entries_.emplace_back();
+    if (i != count_) {
+      // Bring the spare entry at `count_` to position `i`.
+      std::rotate(entries_.begin() + static_cast<std::ptrdiff_t>(i),
+                  entries_.begin() + static_cast<std::ptrdiff_t>(count_),
+                  entries_.begin() + static_cast<std::ptrdiff_t>(count_ + 1));
+    }
+    ++count_;
+    entry& e = entries_[i];
+    e.key = key;
+    e.field.reset();
+    return &e.field;
+  }
+
   size_t lower_bound(uint64_t key) const {
     size_t lo = 0, hi = count_;
     while (lo < hi) {

@@ -81,8 +81,8 @@ class candidate_list {
 
 struct scan_scratch {
   candidate_list candidates;
-  std::vector<std::string> runs;
-  std::vector<qv::run_position> positions;
+  std::vector<qv::run_position> narrow;  // ASCII runs
+  std::vector<qv::run_position> wide;    // UTF-16 runs
 };
 
 scan_scratch& scratch() {
@@ -254,24 +254,20 @@ void guess_payload(decoded_fields& fields, uint64_t base, const uint8_t* data, u
   list.clear();
 
   if (size >= 5) {
-    s.runs.clear();
-    s.positions.clear();
-    qv::utf16_runs(data, size, 2, s.runs, s.positions, true, false);
-    const size_t wide_runs = std::min(s.runs.size(), s.positions.size());
-    for (size_t r = 0; r < wide_runs; ++r) {
-      if (guess_candidate* c = list.add(s.positions[r].offset)) {
-        c->text = s.runs[r];
-        c->size = int64_t{s.positions[r].length} * 2;
+    // Both searches in one pass over the payload; the texts are taken from
+    // the payload's bytes, once.
+    qv::text_runs(data, size, 4, 2, true, false, s.narrow, s.wide);
+    for (const qv::run_position& at : s.wide) {
+      if (guess_candidate* c = list.add(at.offset)) {
+        c->text.resize(at.length);
+        for (uint32_t k = 0; k < at.length; ++k) {
+          c->text[k] = static_cast<char>(data[at.offset + 2 * size_t{k}]);
+        }
+        c->size = int64_t{at.length} * 2;
         c->wide = true;
       }
     }
-
-    s.runs.clear();
-    s.positions.clear();
-    qv::ascii_runs(data, size, 4, s.runs, s.positions, true, false);
-    const size_t narrow_runs = std::min(s.runs.size(), s.positions.size());
-    for (size_t r = 0; r < narrow_runs; ++r) {
-      const qv::run_position& at = s.positions[r];
+    for (const qv::run_position& at : s.narrow) {
       if (at.length == 0) continue;
       // A UTF-16 string that starts on this run's last byte took that byte
       // as its first character: that character belongs to the ASCII run.
@@ -283,7 +279,7 @@ void guess_payload(decoded_fields& fields, uint64_t base, const uint8_t* data, u
         }
       }
       if (guess_candidate* c = list.add(at.offset)) {
-        c->text = s.runs[r];
+        c->text.assign(reinterpret_cast<const char*>(data) + at.offset, at.length);
         c->size = at.length;
       }
     }
@@ -322,7 +318,9 @@ void guess_payload(decoded_fields& fields, uint64_t base, const uint8_t* data, u
     const uint8_t type = c.kind == ck_sid ? 19 : (c.wide ? 1 : 2);
     if (decoded_field* f = emit(fields, base + static_cast<uint64_t>(pos), name, type,
                                 static_cast<uint32_t>(c.size))) {
-      f->text = c.text;
+      // The candidate isn't read again: its text moves to the field, and
+      // the field's old storage goes back to the list for reuse.
+      f->text.swap(c.text);
       if (c.kind == ck_string) qv::flatten_line_breaks(f->text);
     }
     pos += c.size;

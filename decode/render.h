@@ -14,7 +14,7 @@
 
 // Appends the entries of `fields` to `out` (nothing for an empty list). The
 // caller puts "data{" and "}" around it.
-void render_fields(std::string& out, decoded_fields& fields);
+void render_fields(std::string& out, const decoded_fields& fields);
 
 // Appends `value` in lower-case hexadecimal, zero-filled to `digits` digits;
 // `digits` 0 gives the minimal digits ("0" for zero). No "0x".

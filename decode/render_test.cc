@@ -34,6 +34,23 @@ TEST(RenderFields, TextPathsAndQuotes) {
             "\"03-Both\":\"a/\\\"b\"");
 }
 
+TEST(RenderFields, LongTextsEscapeEveryPlace) {
+  // Texts longer than a word: the marks stand in the first word, at a word's
+  // edge, in a later word and in the last bytes, one after another.
+  decoded_fields fields;
+  put(fields, 1, "A").text = "abcdefgh\\ijklmnop";        // backslash at 8
+  put(fields, 2, "B").text = "abcdefg\"hijklmnopqrstuvw";  // quote at 7
+  put(fields, 3, "C").text = "0123456789abcdefghij\\\"";  // both at the end
+  put(fields, 4, "D").text = "no marks in this long text at all";
+  put(fields, 5, "E").text = "\\\\\\\\\\\\\\\\\"";  // eight backslashes, a quote
+  EXPECT_EQ(render(fields),
+            "\"01-A\":\"abcdefgh/ijklmnop\";"
+            "\"02-B\":\"abcdefg\\\"hijklmnopqrstuvw\";"
+            "\"03-C\":\"0123456789abcdefghij/\\\"\";"
+            "\"04-D\":\"no marks in this long text at all\";"
+            "\"05-E\":\"////////\\\"\"");
+}
+
 TEST(RenderFields, GuidBytesAndNumbers) {
   decoded_fields fields;
   decoded_field& g = put(fields, 1, "guid");
@@ -121,11 +138,15 @@ TEST(RenderHelpers, HexAndDecimal) {
   s += ' ';
   append_hex(s, 1, 32);
   s += ' ';
+  append_hex(s, 0x123456789ULL, 40);  // wider than 32 digits: 32
+  s += ' ';
+  append_hex(s, 0x10, 1);  // narrower than the number: the number
+  s += ' ';
   append_decimal(s, 0);
   s += ' ';
   append_decimal(s, 18446744073709551615ULL);
-  EXPECT_EQ(s, "0 abc 000abc ffffffffffffffff 00000000000000000000000000000001 0 "
-               "18446744073709551615");
+  EXPECT_EQ(s, "0 abc 000abc ffffffffffffffff 00000000000000000000000000000001 "
+               "00000000000000000000000123456789 10 0 18446744073709551615");
 }
 
 TEST(MarkLineEnds, LineBreakForms) {

@@ -86,6 +86,11 @@ void append_id(std::string& out, uint64_t v, bool base16) {
   while (n > 0) out.push_back(buf[--n]);
 }
 
+// The extra field of a timeline line: the event's decoded fields.
+void render_extra_of(std::string& out, const void* source) {
+  render_extra_data(*static_cast<const etl_record*>(source), out);
+}
+
 void write_timeline_event(etl_record& record, std::ostream& out, report_options& opts) {
   thread_local timeline_record tl;
   reset_timeline_record(tl);
@@ -97,7 +102,7 @@ void write_timeline_event(etl_record& record, std::ostream& out, report_options&
 
   std::string& s = tl.short_text;
   s.push_back('{');
-  qv::append_guid_text(s, record.provider_id.data());
+  append_cached_guid_text(s, record.provider_id.data());
   s += "}; Event: ";
   append_id(s, shown_event_id(record), opts.base16);
 
@@ -113,7 +118,9 @@ void write_timeline_event(etl_record& record, std::ostream& out, report_options&
   tl.filename.assign(opts.row_file_name);
   tl.notes.assign("Orig filename: ");
   tl.notes += opts.orig_source_path;
-  render_extra_data(record, tl.extra);
+  // The data goes straight into the line.
+  tl.render_extra = render_extra_of;
+  tl.extra_source = &record;
   write_timeline_lines(opts.header_row_pending, out, tl);
 }
 
@@ -147,12 +154,24 @@ void write_event_columns(std::ostream& out, report_options& opts) {
   write_column_line(out, opts);
 }
 
-void render_extra_data(etl_record& record, std::string& out) {
+void render_extra_data(const etl_record& record, std::string& out) {
   if (record.fields.empty()) return;
   out += "data{";
   render_fields(out, record.fields);
   out.push_back('}');
 }
+
+namespace {
+
+// The data cell of an event row: the mark of a corrupted record, then the
+// decoded fields.
+void render_data_cell(std::string& out, const void* source) {
+  const etl_record& record = *static_cast<const etl_record*>(source);
+  if (!record.valid) out.append(kCorrupted);
+  render_extra_data(record, out);
+}
+
+}  // namespace
 
 void write_event_row(etl_record& record, std::ostream& out, report_options& opts) {
   if (opts.header_row_pending && !opts.format_l2t) write_event_columns(out, opts);
@@ -162,8 +181,13 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
   }
   thread_local report_row row;
   // No columns (as under -csvl2t, which never fills the table) or too many:
-  // the event is dropped without a word.
-  if (!init_report_row(row, column_count(opts), row_flags(opts))) return;
+  // the event is dropped without a word. The sixteen cells of the table
+  // are all set below.
+  const int32_t count = column_count(opts);
+  if (count == 16 ? !init_report_row_for_all_cells(row, count, row_flags(opts))
+                  : !init_report_row(row, count, row_flags(opts))) {
+    return;
+  }
 
   int32_t i = 0;
   if (record.absolute_time != 0) {
@@ -185,10 +209,12 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
   i += set_cell_number(row, i, record.keyword, rt_u64, rf_hex);
   i += set_cell_number(row, i, record.time_word, rt_u64, rf_hex);
   i += set_cell_number(row, i, record.processor, rt_u8, rf_decimal);
-  if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
-    if (!record.valid) extra->append(kCorrupted);
-    render_extra_data(record, *extra);
-    finish_cell_text(row, i);
+  // The data cell is written straight into the line.
+  if (!set_cell_rendered_text(row, i, render_data_cell, &record)) {
+    if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
+      render_data_cell(*extra, &record);
+      finish_cell_text(row, i);
+    }
   }
   write_report_row(out, row, opts);
 }

@@ -59,6 +59,10 @@ struct report_cell {
   std::string text;
   uint64_t number = 0;
   std::vector<uint64_t> values;
+  // A text cell whose text is written straight into the line when the row
+  // is written, by `render` from `source`, instead of being held in `text`.
+  void (*render)(std::string& out, const void* source) = nullptr;
+  const void* source = nullptr;
 
   void reset() {
     type = 0;
@@ -69,6 +73,8 @@ struct report_cell {
     text.clear();
     number = 0;
     values.clear();
+    render = nullptr;
+    source = nullptr;
   }
 };
 

@@ -5,11 +5,16 @@
 
 #include "report/report_writer.h"
 
+#include <bit>
 #include <cstring>
 
 #include "report/report_options.h"
 #include "support/qv_string.h"
 #include "support/qv_time.h"
+
+using report_detail::cell_at;
+using report_detail::is_two_cell;
+using report_detail::prepare_cell;
 
 namespace {
 
@@ -29,6 +34,12 @@ std::string& line_buffer() {
 }
 
 void put_blanks(std::string& out, uint64_t n) {
+  // Padding of a usual column comes from a row of blanks in one copy.
+  static constexpr char kBlanks[65] = "                                                                ";
+  if (n <= 64) {
+    out.append(kBlanks, static_cast<size_t>(n));
+    return;
+  }
   if (n > kMaxPad) n = kMaxPad;
   out.append(static_cast<size_t>(n), ' ');
 }
@@ -82,6 +93,31 @@ void put_hex(std::string& out, uint64_t v, uint64_t digits) {
   out.append(buf + at, n);
 }
 
+// The two hexadecimal digits of every byte value.
+struct hex_pair_table {
+  char pairs[256][2];
+  constexpr hex_pair_table() : pairs() {
+    for (int i = 0; i < 256; ++i) {
+      pairs[i][0] = "0123456789abcdef"[i >> 4];
+      pairs[i][1] = "0123456789abcdef"[i & 0xF];
+    }
+  }
+};
+constexpr hex_pair_table kHexPairs;
+
+// The widest zero fill a number cell writes in place.
+constexpr uint64_t kMaxInPlaceDigits = 64;
+
+// Decimal of `v` ending at `end`; returns its first character.
+char* decimal_backwards(char* end, uint64_t v) {
+  char* p = end;
+  do {
+    *--p = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  return p;
+}
+
 void put_two(char* p, uint32_t v) {
   p[0] = static_cast<char>('0' + v / 10 % 10);
   p[1] = static_cast<char>('0' + v % 10);
@@ -96,11 +132,6 @@ uint64_t type_digits(uint16_t type) {
     case rt_u64: return 8;
     default: return 0;
   }
-}
-
-bool is_two_cell(uint16_t type) {
-  return type == rt_filetime_two || type == rt_unix_two || type == rt_chrome_two ||
-         type == rt_firefox_two || type == rt_safari_two;
 }
 
 bool is_time_type(uint16_t type) {
@@ -121,28 +152,6 @@ qv::type_time time_kind_of(uint16_t type) {
     case rt_safari: return qv::type_safari;
     default: return qv::type_filetime;
   }
-}
-
-report_cell* cell_at(report_row& row, int32_t index, uint16_t type) {
-  if (!row.valid || index < 0 || index >= row.count || type >= 32) return nullptr;
-  if (static_cast<size_t>(index) >= row.cells.size()) return nullptr;
-  return &row.cells[static_cast<size_t>(index)];
-}
-
-// Resets the cell and sets its type and flags; the second cell of a two-cell
-// type is reset to type 0. Returns the cells used.
-int32_t prepare_cell(report_row& row, int32_t index, uint16_t type, uint32_t flags,
-                     report_cell*& cell) {
-  cell = cell_at(row, index, type);
-  const int32_t used = is_two_cell(type) ? 2 : 1;
-  if (!cell) return 1;
-  cell->reset();
-  cell->type = type;
-  cell->flags = flags | row.default_flags;
-  if (used == 2) {
-    if (report_cell* second = cell_at(row, index + 1, rt_untyped)) second->reset();
-  }
-  return used;
 }
 
 // The storing-time rules of text cells.
@@ -191,6 +200,19 @@ bool render_time(uint64_t value, uint16_t type, const qv::datetime_format& fmt,
 // blank and time, left-aligned in the column. An invalid stamp leaves a
 // blank for each half (none under -no_whitespace).
 void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
+  if (time_kind_of(c.type) == qv::type_filetime) {
+    // The usual stamp: date and time go straight into the line.
+    thread_local filetime_text stamp;
+    if (stamp.set(c.number, o.datetime_format)) {
+      if (!o.no_whitespace && o.pad_with_blanks) out.push_back(' ');
+      const size_t start = out.size();
+      stamp.append_date(out);
+      out.push_back(' ');
+      stamp.append_time(out);
+      if (!o.no_whitespace) pad_left_aligned(out, start, w);
+      return;
+    }
+  }
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
     date.assign(1, ' ');
@@ -234,8 +256,9 @@ void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const 
   if (!o.no_whitespace) pad_left_aligned(out, start, w);
 }
 
-void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
-                       const report_options& o) {
+// The general path of number cells: composed in the line, then padded.
+void write_number_cell_general(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+                               const report_options& o) {
   const size_t start = out.size();
   const uint64_t field = prefix < w ? w - prefix : 0;
   const uint64_t v = c.number;
@@ -266,13 +289,110 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
   if (!o.no_whitespace) pad_right_aligned(out, start, field);
 }
 
+// Hexadecimal digits of `v` (at least one).
+size_t hex_length(uint64_t v) {
+  return v == 0 ? 1 : static_cast<size_t>((std::bit_width(v) + 3) / 4);
+}
+
+size_t decimal_length(uint64_t v) {
+  size_t n = 1;
+  while (v >= 10) {
+    v /= 10;
+    ++n;
+  }
+  return n;
+}
+
+// Writes the hexadecimal digits of `v` backwards to end at `end`, zero
+// filled to `digits`; returns the first character written.
+char* put_hex_backwards(char* end, uint64_t v, size_t digits) {
+  char* p = end;
+  while (v >= 0x100) {
+    const char* pair = kHexPairs.pairs[v & 0xFF];
+    *--p = pair[1];
+    *--p = pair[0];
+    v >>= 8;
+  }
+  if (v >= 0x10) {
+    const char* pair = kHexPairs.pairs[v];
+    *--p = pair[1];
+    *--p = pair[0];
+  } else {
+    *--p = kHexDigits[v];
+  }
+  char* const first = end - digits;
+  while (p > first) *--p = '0';
+  return p;
+}
+
+// Number cells: the cell's room is made at once, blanks in front, and the
+// digits are written into it in place; no text is composed on the side to
+// be copied in. Zero fills wider than kMaxInPlaceDigits (only from odd column
+// widths) and the hexadecimal-and-decimal form take the general path.
+void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+                       const report_options& o) {
+  const uint64_t field = prefix < w ? w - prefix : 0;
+  const uint64_t v = c.number;
+  if ((c.flags & rf_zero_blank) && v == 0) {
+    if (!o.no_whitespace) put_blanks(out, field);
+    return;
+  }
+  enum { hex_0x, hex_bare, decimal } form;
+  uint64_t digits = 0;
+  if (c.flags & rf_hex) {
+    form = hex_0x;
+    digits = (!o.no_whitespace && prefix + 1 < w) ? w - prefix - 2 : 0;
+  } else if (c.flags & rf_hex_and_dec) {
+    return write_number_cell_general(out, c, w, prefix, o);
+  } else if (c.flags & rf_hex_bare) {
+    form = hex_bare;
+    digits = type_digits(c.type);
+  } else if ((c.flags & rf_decimal) || !o.base16) {
+    form = decimal;
+  } else {
+    form = hex_0x;
+    digits = type_digits(c.type);
+    if (!o.no_whitespace && w >= prefix + 2) digits = w - prefix - 2;
+  }
+  if (digits > kMaxInPlaceDigits) return write_number_cell_general(out, c, w, prefix, o);
+  size_t length;
+  if (form == decimal) {
+    length = decimal_length(v);
+  } else {
+    const size_t significant = hex_length(v);
+    length = (digits > significant ? static_cast<size_t>(digits) : significant) + (form == hex_0x ? 2 : 0);
+  }
+  size_t blanks = 0;
+  if (!o.no_whitespace && length < field) {
+    const uint64_t n = field - length;
+    blanks = static_cast<size_t>(n > kMaxPad ? kMaxPad : n);
+  }
+  const size_t at = out.size();
+  out.append(blanks + length, ' ');
+  char* const end = out.data() + at + blanks + length;
+  if (form == decimal) {
+    decimal_backwards(end, v);
+  } else {
+    char* p = put_hex_backwards(end, v, static_cast<size_t>(digits));
+    if (form == hex_0x) {
+      *--p = 'x';
+      *--p = '0';
+    }
+  }
+}
+
 void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
                      const line_settings& s) {
   const report_options& o = s.o;
   const size_t start = out.size();
-  size_t n = c.text.size();
-  if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
-  out.append(c.text, 0, n);
+  if (c.render) {
+    c.render(out, c.source);
+    if ((c.flags & rf_cut) && out.size() - start > c.max_text) out.resize(start + c.max_text);
+  } else {
+    size_t n = c.text.size();
+    if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
+    out.append(c.text.data(), n);
+  }
   clean_field(out, start, o.separator_char, o.sub_separator_char);
   const uint64_t field = (!o.no_whitespace && prefix <= w) ? w - prefix : 0;
   if (s.csv) {
@@ -346,7 +466,7 @@ size_t render_cell(std::string& out, const report_row& row, size_t i, const line
       break;
     case rt_guid: {
       const size_t start = out.size();
-      if (c.bytes.size() >= 16) qv::append_guid_text(out, c.bytes.data());
+      if (c.bytes.size() >= 16) append_cached_guid_text(out, c.bytes.data());
       if (!o.no_whitespace) pad_left_aligned(out, start, w);
       break;
     }
@@ -470,6 +590,12 @@ void quote_csv_field(std::string& out, size_t start, uint64_t width) {
 }
 
 bool init_report_row(report_row& row, int32_t count, uint32_t default_flags) {
+  if (!init_report_row_for_all_cells(row, count, default_flags)) return false;
+  for (int32_t i = 0; i < count; ++i) row.cells[static_cast<size_t>(i)].reset();
+  return true;
+}
+
+bool init_report_row_for_all_cells(report_row& row, int32_t count, uint32_t default_flags) {
   row.valid = 0;
   row.count = 0;
   row.default_flags = default_flags;
@@ -479,7 +605,6 @@ bool init_report_row(report_row& row, int32_t count, uint32_t default_flags) {
   } catch (const std::bad_alloc&) {
     return false;
   }
-  for (int32_t i = 0; i < count; ++i) row.cells[static_cast<size_t>(i)].reset();
   row.count = count;
   row.valid = 1;
   return true;
@@ -489,6 +614,20 @@ std::string* begin_cell_text(report_row& row, int32_t index, uint16_t type, uint
   report_cell* cell = nullptr;
   prepare_cell(row, index, type, flags, cell);
   return cell ? &cell->text : nullptr;
+}
+
+bool set_cell_rendered_text(report_row& row, int32_t index,
+                            void (*render)(std::string& out, const void* source),
+                            const void* source) {
+  // The rules that finish_text would apply to a stored text.
+  if (row.default_flags & rf_quote) return false;
+  if (row.default_flags == rf_flatten) return false;
+  report_cell* cell = nullptr;
+  prepare_cell(row, index, rt_text, 0, cell);
+  if (!cell) return true;
+  cell->render = render;
+  cell->source = source;
+  return true;
 }
 
 void finish_cell_text(report_row& row, int32_t index) {
@@ -516,14 +655,6 @@ int32_t set_cell_bytes(report_row& row, int32_t index, const uint8_t* data, uint
   report_cell* cell = nullptr;
   const int32_t used = prepare_cell(row, index, type, flags, cell);
   if (cell && data != nullptr) cell->bytes.assign(data, data + length);
-  return used;
-}
-
-int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
-                        uint32_t flags) {
-  report_cell* cell = nullptr;
-  const int32_t used = prepare_cell(row, index, type, flags, cell);
-  if (cell) cell->number = value;
   return used;
 }
 
@@ -590,25 +721,60 @@ bool filetime_text::set(uint64_t ticks, const qv::datetime_format& fmt) {
 
 void filetime_text::append_time(std::string& out) const {
   // "hh:mm:ss" and the fraction, cut (never rounded) from the nanoseconds to
-  // `digits_` places.
+  // `digits_` places, written in place at the end of `out`.
   static constexpr uint64_t kPowers[10] = {1,      10,      100,      1000,      10000,
                                            100000, 1000000, 10000000, 100000000, 1000000000};
-  char buf[18];
-  const uint32_t of_day = static_cast<uint32_t>(ticks_ / kTicksPerSecond % 86400);
-  put_two(buf, of_day / 3600);
-  buf[2] = ':';
-  put_two(buf + 3, of_day / 60 % 60);
-  buf[5] = ':';
-  put_two(buf + 6, of_day % 60);
-  size_t n = 8;
+  const uint64_t second = ticks_ / kTicksPerSecond;
+  if (second != second_) {
+    const uint32_t of_day = static_cast<uint32_t>(second % 86400);
+    put_two(clock_, of_day / 3600);
+    clock_[2] = ':';
+    put_two(clock_ + 3, of_day / 60 % 60);
+    clock_[5] = ':';
+    put_two(clock_ + 6, of_day % 60);
+    second_ = second;
+  }
+  const size_t n = digits_ != 0 ? 9 + digits_ : 8;
+  const size_t at = out.size();
+  out.append(n, '0');
+  char* const p = out.data() + at;
+  std::memcpy(p, clock_, 8);
   if (digits_ != 0) {
-    buf[n++] = '.';
+    p[8] = '.';
     uint64_t v = ticks_ % kTicksPerSecond * 100 / kPowers[9 - digits_];
     for (uint32_t k = digits_; k > 0; --k) {
-      buf[n + k - 1] = static_cast<char>('0' + v % 10);
+      p[8 + k] = static_cast<char>('0' + v % 10);
       v /= 10;
     }
-    n += digits_;
   }
-  out.append(buf, n);
+}
+
+// Rows repeat the same few GUIDs (the providers of a trace, the empty
+// activity id), so texts are kept in a small table indexed by a hash of the
+// GUID's bytes.
+void append_cached_guid_text(std::string& out, const uint8_t* guid) {
+  struct entry {
+    uint8_t key[16];
+    char text[36];
+    bool used;
+  };
+  thread_local entry table[64] = {};
+  uint64_t lo, hi;
+  std::memcpy(&lo, guid, 8);
+  std::memcpy(&hi, guid + 8, 8);
+  const uint64_t h = (lo ^ (hi * 0x9E3779B97F4A7C15ULL)) * 0x9E3779B97F4A7C15ULL;
+  entry& e = table[h >> 58];
+  if (!e.used || std::memcmp(e.key, guid, 16) != 0) {
+    std::string text;
+    text.reserve(36);
+    qv::append_guid_text(text, guid);
+    if (text.size() != sizeof e.text) {
+      out += text;
+      return;
+    }
+    std::memcpy(e.key, guid, 16);
+    std::memcpy(e.text, text.data(), sizeof e.text);
+    e.used = true;
+  }
+  out.append(e.text, sizeof e.text);
 }

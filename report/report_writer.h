@@ -18,6 +18,10 @@ struct report_options;
 
 // Valid when 0 < count < 256. Reuses the cells' storage.
 bool init_report_row(report_row& row, int32_t count, uint32_t default_flags);
+// init_report_row for a caller that sets every one of the `count` cells
+// before the row is written: each cell is reset when it is set, and not here
+// as well.
+bool init_report_row_for_all_cells(report_row& row, int32_t count, uint32_t default_flags);
 // Each resets the cell and returns the cells used (1, or 2 for two-cell types).
 // An index out of range, an invalid row or a type of 32 or more stores
 // nothing and still returns 1.
@@ -25,8 +29,8 @@ int32_t set_cell_text(report_row& row, int32_t index, const std::string& text, u
                       uint32_t flags);
 int32_t set_cell_bytes(report_row& row, int32_t index, const uint8_t* data, uint32_t length,
                        uint16_t type, uint32_t flags);
-int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
-                        uint32_t flags);
+inline int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
+                               uint32_t flags);
 // The stream's text is taken as the cell's text.
 int32_t set_cell_stream(report_row& row, int32_t index, const std::ostringstream& stream,
                         uint16_t type, uint32_t flags);
@@ -37,6 +41,19 @@ int32_t set_cell_stream(report_row& row, int32_t index, const std::ostringstream
 // (quotes, line-break flattening) exactly as set_cell_text does.
 std::string* begin_cell_text(report_row& row, int32_t index, uint16_t type, uint32_t flags);
 void finish_cell_text(report_row& row, int32_t index);
+
+// A text cell whose text `render` writes from `source` straight into the
+// line when the row is written (`source` must live until then). Only for a
+// cell without storing-time rules: false, and nothing stored, when the
+// row's flags ask for quotes or line-break flattening; the caller then
+// stores the text with begin_cell_text.
+bool set_cell_rendered_text(report_row& row, int32_t index,
+                            void (*render)(std::string& out, const void* source),
+                            const void* source);
+
+// Appends the 36 characters of qv::append_guid_text, from a small table of
+// the texts of the GUIDs seen last.
+void append_cached_guid_text(std::string& out, const uint8_t* guid);
 
 // Writes the column names; clears header_row_pending.
 void write_column_line(std::ostream& out, report_options& opts);
@@ -68,8 +85,9 @@ bool csv_field_needs_quotes(const std::string& out, size_t start, const std::str
 void quote_csv_field(std::string& out, size_t start, uint64_t width);
 
 // Date and time text of FILETIME stamps for the row writers. The date text
-// is kept per day and per format, so a run of events costs a few divisions
-// per row; the text equals what qv::format_datetime gives for the stamp.
+// is kept per day and per format and the "hh:mm:ss" text per second, so a
+// run of events costs a few divisions per row; the text equals what
+// qv::format_datetime gives for the stamp.
 class filetime_text {
  public:
   // False when the stamp isn't a valid time; nothing may then be printed.
@@ -85,4 +103,50 @@ class filetime_text {
   uint64_t ticks_ = 0;
   uint32_t digits_ = 0;
   std::string date_;
+  // The second of the day that `clock_` shows ("hh:mm:ss").
+  mutable uint64_t second_ = UINT64_MAX;
+  mutable char clock_[8] = {};
 };
+
+// ---- Inline parts of the cell setters -------------------------------------
+// Rows are filled for every event: the setters of numbers and what they share
+// are kept where the compiler can see them.
+
+namespace report_detail {
+
+inline bool is_two_cell(uint16_t type) {
+  return type == rt_filetime_two || type == rt_unix_two || type == rt_chrome_two ||
+         type == rt_firefox_two || type == rt_safari_two;
+}
+
+inline report_cell* cell_at(report_row& row, int32_t index, uint16_t type) {
+  if (!row.valid || index < 0 || index >= row.count || type >= 32) return nullptr;
+  if (static_cast<size_t>(index) >= row.cells.size()) return nullptr;
+  return &row.cells[static_cast<size_t>(index)];
+}
+
+// Resets the cell and sets its type and flags; the second cell of a two-cell
+// type is reset to type 0. Returns the cells used.
+inline int32_t prepare_cell(report_row& row, int32_t index, uint16_t type, uint32_t flags,
+                            report_cell*& cell) {
+  cell = cell_at(row, index, type);
+  const int32_t used = is_two_cell(type) ? 2 : 1;
+  if (!cell) return 1;
+  cell->reset();
+  cell->type = type;
+  cell->flags = flags | row.default_flags;
+  if (used == 2) {
+    if (report_cell* second = cell_at(row, index + 1, rt_untyped)) second->reset();
+  }
+  return used;
+}
+
+}  // namespace report_detail
+
+inline int32_t set_cell_number(report_row& row, int32_t index, uint64_t value, uint16_t type,
+                               uint32_t flags) {
+  report_cell* cell = nullptr;
+  const int32_t used = report_detail::prepare_cell(row, index, type, flags, cell);
+  if (cell) cell->number = value;
+  return used;
+}

@@ -420,6 +420,88 @@ TEST(ReportWriter, TextCells) {
   EXPECT_EQ(write_row(q, row), "\"a|b\" |  1\n");
 }
 
+TEST(ReportWriter, RenderedTextCellsWriteWhatStoredTextsWrite) {
+  // A text written into the line when the row is written comes out as the
+  // same text stored in the cell would, in every form.
+  struct text_source {
+    std::string text;
+  };
+  auto render = [](std::string& out, const void* source) {
+    out += static_cast<const text_source*>(source)->text;
+  };
+  const text_source texts[] = {{"a|b"}, {"l1\r\nl2,x"}, {"\"q\" and:colon"}, {""}, {"abcdefghijklmnop"}};
+  auto check_both = [&](report_options& o, const std::string& expected_first) {
+    report_row stored, rendered;
+    for (const text_source& t : texts) {
+      ASSERT_TRUE(init_report_row(stored, 2, 0));
+      ASSERT_TRUE(init_report_row(rendered, 2, 0));
+      set_cell_number(stored, 0, 7, rt_u8, rf_decimal);
+      set_cell_number(rendered, 0, 7, rt_u8, rf_decimal);
+      set_cell_text(stored, 1, t.text, rt_text, 0);
+      ASSERT_TRUE(set_cell_rendered_text(rendered, 1, render, &t));
+      const std::string a = write_row(o, stored);
+      EXPECT_EQ(write_row(o, rendered), a) << t.text;
+      if (&t == &texts[0]) {
+        EXPECT_EQ(a, expected_first);
+      }
+    }
+  };
+  report_options d;
+  defaults(d);
+  set_columns(d, {{0, 3}, {0, 6}});
+  check_both(d, "  7 | a;b   \n");
+  report_options c;
+  defaults(c);
+  as_csv(c);
+  set_columns(c, {{0, 3}, {0, 6}});
+  check_both(c, "7,a|b\n");
+  c.separator = ":";
+  c.separator_char = 0;
+  c.sub_separator_char = 0;
+  check_both(c, "7:a|b\n");
+  report_options n;
+  defaults(n);
+  as_no_whitespace(n);
+  set_columns(n, {{0, 3}, {0, 6}});
+  check_both(n, "7|a;b\n");
+
+  // Rows whose texts get quotes or flattening when stored refuse it: the
+  // caller stores the text instead.
+  report_row row;
+  const text_source t{"x"};
+  ASSERT_TRUE(init_report_row(row, 2, rf_quote));
+  EXPECT_FALSE(set_cell_rendered_text(row, 1, render, &t));
+  ASSERT_TRUE(init_report_row(row, 2, rf_flatten));
+  EXPECT_FALSE(set_cell_rendered_text(row, 1, render, &t));
+}
+
+TEST(ReportWriter, RowRefilledCellByCellWritesLikeAFreshRow) {
+  // A row taken again without the reset of its cells, every cell then set:
+  // nothing of the earlier row stays, whatever kind each cell was before.
+  report_options o;
+  defaults(o);
+  set_columns(o, {{0, 6}, {0, 4}, {0, 5}});
+  report_row reused;
+  ASSERT_TRUE(init_report_row(reused, 3, 0));
+  set_cell_text(reused, 0, "old text", rt_text, rf_cut);
+  const uint8_t guid[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+  set_cell_bytes(reused, 1, guid, 16, rt_guid, 0);
+  set_cell_number(reused, 2, 77, rt_u8, rf_hex);
+  ASSERT_TRUE(init_report_row_for_all_cells(reused, 3, 0));
+  set_cell_number(reused, 0, 5, rt_u16, 0);
+  set_cell_text(reused, 1, "ab", rt_text, 0);
+  set_cell_number(reused, 2, 9, rt_u8, rf_decimal);
+  report_row fresh;
+  ASSERT_TRUE(init_report_row(fresh, 3, 0));
+  set_cell_number(fresh, 0, 5, rt_u16, 0);
+  set_cell_text(fresh, 1, "ab", rt_text, 0);
+  set_cell_number(fresh, 2, 9, rt_u8, rf_decimal);
+  EXPECT_EQ(write_row(o, reused), write_row(o, fresh));
+  EXPECT_EQ(write_row(o, fresh), "0x0005 | ab   |     9\n");
+  EXPECT_FALSE(init_report_row_for_all_cells(reused, 0, 0));
+  EXPECT_FALSE(init_report_row_for_all_cells(reused, 256, 0));
+}
+
 TEST(ReportWriter, TimeTicksAndGuidCells) {
   report_options o;
   defaults(o);

@@ -28,12 +28,28 @@ void join(std::string& out, const std::string& text) {
   out += text;
 }
 
+// The moment of a stamp of any clock kind. A FILETIME is tested from its
+// bounds alone, as qv::time would judge it; the other kinds go through
+// qv::time.
+timeline_time moment_of(uint64_t value, qv::type_time kind) {
+  timeline_time t;
+  if (kind == qv::type_filetime) {
+    t.valid = qv::is_valid_filetime(value);
+    t.filetime = value;
+    return t;
+  }
+  const qv::time converted(value, kind);
+  t.valid = converted.is_valid();
+  t.filetime = converted.get_filetime();
+  return t;
+}
+
 // Takes entry `n` of the list, reusing the storage of an earlier call.
 timeline_entry& entry_at(std::vector<timeline_entry>& entries, size_t n) {
   if (n < entries.size()) {
     timeline_entry& e = entries[n];
     e.raw_time = 0;
-    e.time = qv::time();
+    e.time = timeline_time();
     e.macb.clear();
     e.type_text.clear();
     e.source_text.clear();
@@ -81,13 +97,19 @@ size_t count_byte(const char* p, size_t n, char c) {
 // `starts`) need no clean-up: no CR or LF, no byte of the separator but in
 // the separators themselves, and no field that begins with a quote. Nearly
 // every line passes, at the cost of a few scans of one buffer.
-bool fields_plain(const std::string& line, size_t begin, const size_t (&starts)[kTextFields],
-                  const timeline_record& r) {
+//
+// `end` and `fields` let it look at the first fields alone: the bytes from
+// `begin` to `end` hold those fields and the separator behind each of them
+// but the last (or behind every one of them when `end` is the start of the
+// next field, as when the first 14 are looked at: 14 separators either way).
+bool fields_plain(const std::string& line, size_t begin, size_t end,
+                  const size_t (&starts)[kTextFields], size_t fields, const timeline_record& r) {
   const char* p = line.data() + begin;
-  const size_t n = line.size() - begin;
+  const size_t n = end - begin;
   if (std::memchr(p, '\n', n) != nullptr || std::memchr(p, '\r', n) != nullptr) return false;
-  for (size_t at : starts) {
-    if (at < line.size() && line[at] == '"') return false;
+  for (size_t k = 0; k < fields; ++k) {
+    const size_t at = starts[k];
+    if (at < end && line[at] == '"') return false;
   }
   const std::string& sep = r.separator;
   auto expected = [&](char c) { return count_byte(sep.data(), sep.size(), c) * (kTextFields - 1); };
@@ -158,6 +180,8 @@ void reset_timeline_record(timeline_record& r) {
   r.notes.clear();
   r.format.assign("-csvl2t");
   r.extra.clear();
+  r.render_extra = nullptr;
+  r.extra_source = nullptr;
   r.separator.assign(1, ',');
   r.separator_char = ',';
   r.sub_separator_char = ' ';
@@ -200,11 +224,11 @@ void set_slot_texts(timeline_record& r, std::string_view m, std::string_view a,
 
 void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
   size_t n = 0;
-  qv::time times[4];
+  timeline_time times[4];
   bool usable[4] = {};
   for (int s = 0; s < 4; ++s) {
     if (r.slot_time[s] == 0) continue;
-    times[s] = qv::time(r.slot_time[s], static_cast<qv::type_time>(r.time_kind));
+    times[s] = moment_of(r.slot_time[s], static_cast<qv::type_time>(r.time_kind));
     usable[s] = times[s].is_valid();
   }
   const size_t extras = r.extra_times.size();
@@ -240,7 +264,7 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
     bool extra_folded = false;
     for (size_t x = 0; x < extras; ++x) {
       if (r.extra_done[x]) continue;
-      const qv::time t(r.extra_times[x], qv::type_filetime);
+      const timeline_time t = moment_of(r.extra_times[x], qv::type_filetime);
       if (!t.is_valid() || t.get_filetime() != when) continue;
       r.extra_done[x] = true;
       extra_folded = true;
@@ -277,7 +301,7 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
   // Extra times that no slot took make lines of their own.
   for (size_t x = 0; x < extras; ++x) {
     if (r.extra_done[x]) continue;
-    const qv::time t(r.extra_times[x], qv::type_filetime);
+    const timeline_time t = moment_of(r.extra_times[x], qv::type_filetime);
     if (!t.is_valid() || r.extra_times[x] == 0) continue;
     r.extra_done[x] = true;
     timeline_entry& e = entry_at(entries, n++);
@@ -323,7 +347,11 @@ void append_fields(std::string& line, const timeline_entry& e, const timeline_re
   text(r.inode);
   text(r.notes);
   text(r.format);
-  text(r.extra);
+  if (r.render_extra && !clean) {
+    own([&] { r.render_extra(line, r.extra_source); });
+  } else {
+    text(r.extra);
+  }
 }
 
 }  // namespace
@@ -375,9 +403,21 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
     const size_t begin = line.size();
     size_t starts[kTextFields];
     append_fields(line, e, r, starts, false);
-    if (!fields_plain(line, begin, starts, r)) {
-      line.resize(begin);
-      append_fields(line, e, r, starts, true);
+    if (!fields_plain(line, begin, line.size(), starts, kTextFields, r)) {
+      const size_t last = starts[kTextFields - 1];
+      if (fields_plain(line, begin, last, starts, kTextFields - 1, r)) {
+        // Only the last field, the event's data, wants its clean-up; the
+        // others stay as they are, and the data is cleaned where it stands,
+        // as put_field would clean it behind them.
+        clean_field(line, last, r.separator_char, r.sub_separator_char);
+        if (csv_field_needs_quotes(line, last, r.separator)) quote_csv_field(line, last, 0);
+      } else {
+        // The clean-up reads the extra field's text from the record: a
+        // text written straight into the line is taken back from there.
+        if (r.render_extra) r.extra.assign(line, last, std::string::npos);
+        line.resize(begin);
+        append_fields(line, e, r, starts, true);
+      }
     }
     line.push_back('\n');
     out.write(line.data(), static_cast<std::streamsize>(line.size()));

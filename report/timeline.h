@@ -40,6 +40,11 @@ struct timeline_record {
   std::string notes;
   std::string format = "-csvl2t";
   std::string extra;
+  // When set, the extra field's text is written by `render_extra` from
+  // `extra_source` straight into the line (and into `extra` only when the
+  // line must be cleaned); `extra` is then not read otherwise.
+  void (*render_extra)(std::string& out, const void* source) = nullptr;
+  const void* extra_source = nullptr;
   std::string separator = ",";
   char separator_char = ',';
   char sub_separator_char = ' ';
@@ -49,9 +54,18 @@ struct timeline_record {
   qv::datetime_format datetime_format;
 };
 
+// The moment of a timeline line, as a FILETIME, and whether it is a valid
+// time (what qv::time gives for the stamp, without its broken-down forms).
+struct timeline_time {
+  uint64_t filetime = 0;
+  bool valid = false;
+  uint64_t get_filetime() const { return filetime; }
+  bool is_valid() const { return valid; }
+};
+
 struct timeline_entry {
   uint64_t raw_time = 0;
-  qv::time time;
+  timeline_time time;
   std::string macb;
   std::string type_text;
   std::string source_text;

@@ -182,6 +182,74 @@ TEST(Timeline, TextCleanUp) {
   EXPECT_NE(lines(r).find("|\"a|b\"|"), std::string::npos);
 }
 
+// Only the data field wants a clean-up (the usual case): the other fields
+// stand as they are and the data field alone is cleaned, or quoted when its
+// separator has no substitute.
+TEST(Timeline, DataFieldCleanedAlone) {
+  timeline_record r;
+  event_record(r);
+  r.extra = "data{\"01-a\":\"x,y\";\"02-b\":\"l1\r\nl2\"}";
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),"
+                      "data{\"01-a\":\"x y\";\"02-b\":\"l1[CRLF]l2\"}\n");
+  // A data field that begins with a quote is quoted, its quotes doubled.
+  event_record(r);
+  r.extra = "\"q\"";
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),"
+                      "\"\"\"q\"\"\"\n");
+  // Without a substitute the field holding the separator is quoted.
+  event_record(r);
+  r.separator.assign(1, '|');
+  r.separator_char = '|';
+  r.sub_separator_char = 0;
+  r.extra = "a|b";
+  EXPECT_EQ(lines(r), "2026-03-04| 05:06:07.123|UTC|...B|ETL|S|ETL Entry|||sh|de|2|f||n|quon (ovrelt)|\"a|b\"\n");
+  // An earlier field wanting it too: every field goes through the clean-up.
+  event_record(r);
+  r.desc = "d,e";
+  r.extra = "x,y";
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,d e,2,f,,n,quon (ovrelt),x y\n");
+}
+
+// An extra field written straight into the line gives the line that the
+// same text set in the record gives, whether the line is plain or cleaned.
+TEST(Timeline, RenderedExtraFieldWritesWhatTheTextWrites) {
+  struct source_text {
+    std::string text;
+  };
+  auto render = [](std::string& out, const void* source) { out += static_cast<const source_text*>(source)->text; };
+  const source_text texts[] = {{"x"}, {""}, {"data{\"01-a\":\"x,y\"}"}, {"\"q\""}, {"l1\nl2"}};
+  for (const source_text& t : texts) {
+    for (int form = 0; form < 3; ++form) {
+      timeline_record a, b;
+      event_record(a);
+      event_record(b);
+      if (form == 1) {  // an earlier field wants a clean-up too
+        a.desc = b.desc = "d,e";
+      } else if (form == 2) {  // a separator without a substitute
+        for (timeline_record* r : {&a, &b}) {
+          r->separator.assign(1, '|');
+          r->separator_char = '|';
+          r->sub_separator_char = 0;
+        }
+      }
+      a.extra = t.text;
+      b.render_extra = render;
+      b.extra_source = &t;
+      EXPECT_EQ(lines(b), lines(a)) << t.text << " form " << form;
+    }
+  }
+  timeline_record r;
+  event_record(r);
+  const source_text plain{"p"};
+  r.render_extra = render;
+  r.extra_source = &plain;
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),p\n");
+  // A reset record writes its extra field from its text again.
+  reset_timeline_record(r);
+  EXPECT_EQ(r.render_extra, nullptr);
+  EXPECT_EQ(r.extra_source, nullptr);
+}
+
 // The texts the audit found to break a timeline line: the session name, the
 // file name and the notes, and the user's own -hostname and -username. A
 // field that would still start a quoted field is quoted, its quotes doubled.

@@ -8,6 +8,7 @@
 // buffer it belongs to.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -35,11 +36,18 @@ namespace detail {
 template <typename T>
 inline T read_le(const uint8_t* data, size_t size, size_t off) {
   if (off <= size && sizeof(T) <= size - off) {
-    uint8_t b[sizeof(T)];
-    std::memcpy(b, data + off, sizeof(T));
-    T v = 0;
-    for (size_t i = sizeof(T); i-- > 0;) v = static_cast<T>((v << 8) | b[i]);
-    return v;
+    if constexpr (std::endian::native == std::endian::little) {
+      // The bytes already stand in the value's order: one copy.
+      T v;
+      std::memcpy(&v, data + off, sizeof(T));
+      return v;
+    } else {
+      uint8_t b[sizeof(T)];
+      std::memcpy(b, data + off, sizeof(T));
+      T v = 0;
+      for (size_t i = sizeof(T); i-- > 0;) v = static_cast<T>((v << 8) | b[i]);
+      return v;
+    }
   }
   // Partial read at the end of the range: missing bytes read as zero.
   T v = 0;

@@ -1,6 +1,7 @@
 // Text utilities. See qv_string.h for the contract of each function.
 #include "support/qv_string.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -226,10 +227,84 @@ uint32_t utf16_to_wide(const uint8_t* source, std::wstring& out, uint32_t max_by
   return sc.units * 2;
 }
 
+static uint32_t utf16_general(const uint8_t* source, std::string& out, uint32_t max_bytes);
+
 uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
                     bool count_terminator) {
   out.clear();
   if (!source || max_bytes == 0) return 0;
+  // Most texts are ASCII: they are written straight into `out` in the same
+  // pass that finds their end, eight units at a time where it can. The
+  // first unit beyond ASCII sends the text to the general conversion below,
+  // which starts over.
+  const bool bounded = max_bytes != 0xFFFFFFFFu;
+  const uint32_t limit = bounded ? max_bytes / 2 : 500u;
+  size_t room = limit < 256u ? limit : 256u;
+  out.resize(room);
+  char* dst = out.data();
+  uint32_t n = 0;
+  bool ascii = true;
+  constexpr uint64_t kHighBits = 0xFF80FF80FF80FF80ULL;
+  constexpr uint64_t kOneUnits = 0x0001000100010001ULL;
+  constexpr uint64_t kUnitTops = 0x8000800080008000ULL;
+  // The low bytes of four ASCII units, side by side.
+  auto pack = [](uint64_t w) {
+    return uint32_t((w & 0xFF) | ((w >> 8) & 0xFF00) | ((w >> 16) & 0xFF0000) | ((w >> 24) & 0xFF000000));
+  };
+  for (;;) {
+    // Only inside a bounded text: an unbounded one may end at its zero unit.
+    if (bounded && limit - n >= 8) {
+      uint64_t w0, w1;
+      std::memcpy(&w0, source + 2 * size_t(n), 8);
+      std::memcpy(&w1, source + 2 * size_t(n) + 8, 8);
+      // All eight ASCII and none zero: high bytes clear, low bytes below
+      // 0x80, and no unit that 1 takes below 0.
+      if (((w0 | w1) & kHighBits) == 0 && (((w0 - kOneUnits) | (w1 - kOneUnits)) & kUnitTops) == 0) {
+        if (room - n < 8) {
+          room = std::min<size_t>(limit, 2 * room + 8);
+          out.resize(room);
+          dst = out.data();
+        }
+        const uint32_t lo = pack(w0), hi = pack(w1);
+        std::memcpy(dst + n, &lo, 4);
+        std::memcpy(dst + n + 4, &hi, 4);
+        n += 8;
+        continue;
+      }
+    }
+    if (n >= limit) break;
+    const uint32_t u = unit_at(source, n);
+    if (u == 0) break;
+    if (u >= 0x80) {
+      ascii = false;
+      break;
+    }
+    if (n == room) {
+      room = std::min<size_t>(limit, 2 * room + 8);
+      out.resize(room);
+      dst = out.data();
+    }
+    dst[n++] = char(u);
+  }
+  if (ascii) {
+    out.resize(n);
+  } else {
+    out.clear();
+    n = utf16_general(source, out, max_bytes);
+  }
+  uint32_t consumed = n * 2;
+  // Step over the zero unit when one was met inside the limit. The compare
+  // is on signed values, so an unbounded read (all bits set) never adds it.
+  if (count_terminator && consumed != 0 &&
+      int64_t(int32_t(consumed)) < int64_t(int32_t(max_bytes)) - 1) {
+    consumed += 2;
+  }
+  return consumed;
+}
+
+// The conversion of a text with units beyond ASCII: its units are counted
+// and checked first, then converted. Returns the units read.
+static uint32_t utf16_general(const uint8_t* source, std::string& out, uint32_t max_bytes) {
   const utf16_scan sc = scan_utf16(source, max_bytes);
   const uint32_t n = sc.units;
   if (n != 0) {
@@ -253,14 +328,7 @@ uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
       out.resize(w);
     }
   }
-  uint32_t consumed = n * 2;
-  // Step over the zero unit when one was met inside the limit. The compare
-  // is on signed values, so an unbounded read (all bits set) never adds it.
-  if (count_terminator && consumed != 0 &&
-      int64_t(int32_t(consumed)) < int64_t(int32_t(max_bytes)) - 1) {
-    consumed += 2;
-  }
-  return consumed;
+  return n;
 }
 
 // ---- Case and trimming ---------------------------------------------------
@@ -728,6 +796,82 @@ void utf16_runs(const uint8_t* data, uint32_t length, uint32_t min_length,
     i += 2;
   }
   finish();
+}
+
+namespace {
+
+// What the run searches ask of a byte, in one table per setting: whether it
+// counts as text, whether a run may not start with it, and whether it is
+// something besides blank, CR and LF.
+enum : uint8_t { byte_text = 1, byte_lead_skip = 2, byte_visible = 4 };
+
+struct byte_classes {
+  uint8_t of[4][256];
+  constexpr byte_classes() : of() {
+    for (int setting = 0; setting < 4; ++setting) {
+      const bool controls = setting & 1;
+      const bool punct = setting & 2;
+      for (int v = 0; v < 256; ++v) {
+        const uint8_t b = uint8_t(v);
+        const bool text = (b >= 32 && b <= 126) || (controls && (b == '\r' || b == '\n' || b == '\t'));
+        const bool lead = (b >= 32 && b <= 46) || (b >= 58 && b <= 64) || (b >= 92 && b <= 96) ||
+                          (b >= 124 && b <= 126);
+        uint8_t c = 0;
+        if (text) c |= byte_text;
+        if (b == ' ' || (punct && lead)) c |= byte_lead_skip;
+        if (b != ' ' && b != '\r' && b != '\n') c |= byte_visible;
+        of[setting][v] = c;
+      }
+    }
+  }
+};
+constexpr byte_classes kByteClasses;
+
+}  // namespace
+
+void text_runs(const uint8_t* data, uint32_t length, uint32_t ascii_min, uint32_t utf16_min,
+               bool allow_line_controls, bool skip_leading_punctuation,
+               std::vector<run_position>& ascii, std::vector<run_position>& utf16) {
+  ascii.clear();
+  utf16.clear();
+  if (!data) return;
+  const uint8_t* classes =
+      kByteClasses.of[(allow_line_controls ? 1 : 0) | (skip_leading_punctuation ? 2 : 0)];
+  // The ASCII search looks at every byte. The UTF-16 search looks at the
+  // byte at `wide_next` and the one after it, and moves on by 2 after a
+  // character and by 1 otherwise; it ends when fewer than 2 bytes are left.
+  uint32_t a_start = 0, a_len = 0;
+  bool visible = false;
+  uint32_t w_start = 0, w_len = 0;
+  uint32_t wide_next = 0;
+  const uint32_t wide_end = length >= 2 ? length - 1 : 0;  // first position it can't read
+  for (uint32_t i = 0; i < length; ++i) {
+    const uint8_t c = classes[data[i]];
+    if (!(c & byte_text)) {
+      if (a_len > 0 && a_len >= ascii_min && visible) ascii.push_back({a_start, a_len});
+      a_len = 0;
+      visible = false;
+    } else if (a_len != 0 || !(c & byte_lead_skip)) {
+      if (a_len == 0) a_start = i;
+      ++a_len;
+      visible |= (c & byte_visible) != 0;
+    }
+    if (i != wide_next || i >= wide_end) continue;
+    if (data[i + 1] != 0 || !(c & byte_text)) {
+      if (w_len > 0 && w_len >= utf16_min) utf16.push_back({w_start, w_len});
+      w_len = 0;
+      wide_next = i + 1;
+      continue;
+    }
+    wide_next = i + 2;
+    if (w_len == 0) {
+      if (c & byte_lead_skip) continue;
+      w_start = i;
+    }
+    ++w_len;
+  }
+  if (a_len > 0 && a_len >= ascii_min) ascii.push_back({a_start, a_len});
+  if (w_len > 0 && w_len >= utf16_min) utf16.push_back({w_start, w_len});
 }
 
 bool decode_varint(uint64_t& out, const uint8_t* data, size_t length) {

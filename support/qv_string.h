@@ -128,6 +128,13 @@ void utf16_runs(const uint8_t* data, uint32_t length, uint32_t min_length,
                 std::vector<std::string>& runs, std::vector<run_position>& positions,
                 bool allow_line_controls, bool skip_leading_punctuation);
 
+// ascii_runs and utf16_runs in one pass over the bytes, positions only:
+// `ascii` gets what ascii_runs would find with `ascii_min`, `utf16` what
+// utf16_runs would find with `utf16_min` (both lists are cleared first).
+void text_runs(const uint8_t* data, uint32_t length, uint32_t ascii_min, uint32_t utf16_min,
+               bool allow_line_controls, bool skip_leading_punctuation,
+               std::vector<run_position>& ascii, std::vector<run_position>& utf16);
+
 // 7-bit groups, first byte most significant, a clear top bit ends the number;
 // a ninth byte is taken whole. False (out 0) when the data ends first.
 bool decode_varint(uint64_t& out, const uint8_t* data, size_t length);

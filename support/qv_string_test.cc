@@ -142,6 +142,45 @@ TEST(QvString, Utf16TextMatchesTwoStepConversion) {
   }
 }
 
+TEST(QvString, Utf16TextLongMostlyAsciiTexts) {
+  // Long texts, mostly ASCII, so that the word-at-a-time copy, the stack
+  // buffer's refills (every 256 characters) and the fallback on a late
+  // character beyond ASCII all run; each must equal the two-step conversion.
+  const uint16_t rare[] = {0, 0x80, 0xE9, 0x20AC, 0xD83D, 0xDE00, 0x100, 0x7F};
+  uint32_t seed = 777;
+  auto next = [&seed]() {
+    seed = seed * 1103515245u + 12345u;
+    return seed >> 16;
+  };
+  for (int round = 0; round < 400; ++round) {
+    std::vector<uint8_t> buf(2 * (1 + next() % 700));
+    for (size_t i = 0; i < buf.size(); i += 2) {
+      uint16_t u = uint16_t(' ' + next() % 95);
+      if (next() % 300 == 0) u = rare[next() % (sizeof rare / sizeof rare[0])];
+      buf[i] = uint8_t(u);
+      buf[i + 1] = uint8_t(u >> 8);
+    }
+    const uint32_t max_bytes = round % 3 == 0 ? uint32_t(buf.size()) : uint32_t(next() % (buf.size() + 1));
+    std::wstring w;
+    std::string s;
+    const uint32_t wide_count = qv::utf16_to_wide(buf.data(), w, max_bytes);
+    const uint32_t text_count = qv::utf16_text(buf.data(), s, max_bytes, false);
+    ASSERT_EQ(text_count, wide_count) << "round " << round;
+    ASSERT_EQ(s, qv::to_narrow(w)) << "round " << round;
+  }
+  // A 300-character ASCII text read whole: 256 characters, then 44 more.
+  std::vector<uint8_t> long_text;
+  for (int i = 0; i < 300; ++i) {
+    long_text.push_back(uint8_t('a' + i % 26));
+    long_text.push_back(0);
+  }
+  std::string s;
+  EXPECT_EQ(qv::utf16_text(long_text.data(), s, 600, true), 600u);
+  ASSERT_EQ(s.size(), 300u);
+  EXPECT_EQ(s.substr(0, 3), "abc");
+  EXPECT_EQ(s.substr(286, 14), "abcdefghijklmn");  // 286 = 11 * 26
+}
+
 TEST(QvString, Utf8WideConversions) {
   std::string s;
   std::wstring w;
@@ -531,6 +570,54 @@ TEST(QvString, Utf16Runs) {
   auto blanks = bytes({'a', 0, ' ', 0, ' ', 0});
   qv::utf16_runs(blanks.data(), uint32_t(blanks.size()), 3, runs, pos, true, false);
   EXPECT_EQ(runs, (std::vector<std::string>{"a  "}));
+}
+
+TEST(QvString, TextRunsFindBothKindsInOnePass) {
+  // Hand-made: "Hi!" in UTF-16 at offset 1, then "abcd" in ASCII.
+  auto d = bytes({1, 'H', 0, 'i', 0, '!', 0, 0, 'a', 'b', 'c', 'd', 0});
+  std::vector<qv::run_position> narrow, wide;
+  qv::text_runs(d.data(), uint32_t(d.size()), 4, 2, true, false, narrow, wide);
+  ASSERT_EQ(wide.size(), 1u);
+  EXPECT_EQ(wide[0].offset, 1u);
+  EXPECT_EQ(wide[0].length, 3u);
+  ASSERT_EQ(narrow.size(), 1u);
+  EXPECT_EQ(narrow[0].offset, 8u);
+  EXPECT_EQ(narrow[0].length, 4u);
+
+  // Random bytes drawn mostly from text, blanks, line ends, punctuation and
+  // zeros: the one pass finds exactly what the two searches find, under
+  // every setting.
+  const uint8_t pool[] = {0, 0, 0, 0, ' ', '\r', '\n', '\t', '.', '-', 'A', 'z', '5', 1, 0xC3, 0x7F};
+  uint32_t seed = 4242;
+  auto next = [&seed]() {
+    seed = seed * 1103515245u + 12345u;
+    return seed >> 16;
+  };
+  for (int round = 0; round < 4000; ++round) {
+    std::vector<uint8_t> buf(next() % 90);
+    for (uint8_t& b : buf) b = pool[next() % sizeof pool];
+    const bool controls = next() % 2;
+    const bool punct = next() % 2;
+    const uint32_t amin = next() % 6, wmin = next() % 4;
+    std::vector<std::string> runs;
+    std::vector<qv::run_position> a_pos, w_pos;
+    qv::ascii_runs(buf.data(), uint32_t(buf.size()), amin, runs, a_pos, controls, punct);
+    qv::utf16_runs(buf.data(), uint32_t(buf.size()), wmin, runs, w_pos, controls, punct);
+    qv::text_runs(buf.data(), uint32_t(buf.size()), amin, wmin, controls, punct, narrow, wide);
+    ASSERT_EQ(narrow.size(), a_pos.size()) << "round " << round;
+    ASSERT_EQ(wide.size(), w_pos.size()) << "round " << round;
+    for (size_t i = 0; i < narrow.size(); ++i) {
+      ASSERT_EQ(narrow[i].offset, a_pos[i].offset) << "round " << round;
+      ASSERT_EQ(narrow[i].length, a_pos[i].length) << "round " << round;
+    }
+    for (size_t i = 0; i < wide.size(); ++i) {
+      ASSERT_EQ(wide[i].offset, w_pos[i].offset) << "round " << round;
+      ASSERT_EQ(wide[i].length, w_pos[i].length) << "round " << round;
+    }
+  }
+  qv::text_runs(nullptr, 10, 1, 1, true, false, narrow, wide);
+  EXPECT_TRUE(narrow.empty());
+  EXPECT_TRUE(wide.empty());
 }
 
 TEST(QvString, Varint) {

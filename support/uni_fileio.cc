@@ -147,8 +147,22 @@ void fileio_output::flush_now() {
 
 // ---- fd_output -------------------------------------------------------------
 
+// The largest pipe size the output asks for.
+constexpr size_t kMaxPipeSize = 1u << 20;
+
 fd_output::buf::buf(int fd, size_t capacity)
-    : streambuf_generic_output<char>(capacity), fd_(fd) {}
+    : streambuf_generic_output<char>(capacity), fd_(fd) {
+#ifdef F_SETPIPE_SZ
+  // Output into a pipe: a pipe that holds a whole block takes each write at
+  // once, rather than in pieces the reader must take in turn. Where the
+  // system refuses the size, the pipe stays as it is.
+  struct stat st;
+  if (fd >= 0 && capacity <= kMaxPipeSize && fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode) &&
+      fcntl(fd, F_GETPIPE_SZ) < static_cast<int>(capacity)) {
+    fcntl(fd, F_SETPIPE_SZ, static_cast<int>(capacity));
+  }
+#endif
+}
 
 fd_output::buf::~buf() { flush_buffer(); }
 

@@ -375,6 +375,45 @@ TEST(UniFileio, DescriptorOutput) {
   EXPECT_TRUE(bad.bad());
 }
 
+#ifdef F_SETPIPE_SZ
+TEST(UniFileio, DescriptorOutputIntoAPipeHoldsABlock) {
+  // A pipe that the output writes into is made large enough for a whole
+  // block of the output (the system allows up to a megabyte by default).
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const int before = fcntl(fds[1], F_GETPIPE_SZ);
+  ASSERT_GT(before, 0);
+  {
+    uni::fd_output out(fds[1], 262144);
+    const int after = fcntl(fds[1], F_GETPIPE_SZ);
+    if (before < 262144) {
+      // Refused only beyond the system's own limit for one user's pipes.
+      EXPECT_TRUE(after >= 262144 || after == before) << after;
+    } else {
+      EXPECT_EQ(after, before);
+    }
+    out << "through the pipe";
+  }
+  char got[32] = {};
+  EXPECT_EQ(::read(fds[0], got, sizeof got), 16);
+  EXPECT_EQ(std::string(got), "through the pipe");
+  ::close(fds[0]);
+  ::close(fds[1]);
+
+  // A regular file is left alone.
+  temp_dir dir;
+  const std::string p = dir.file("plain");
+  int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ASSERT_GE(fd, 0);
+  {
+    uni::fd_output out(fd, 262144);
+    out << "x";
+  }
+  EXPECT_EQ(slurp(p), "x");
+  ::close(fd);
+}
+#endif
+
 TEST(UniFileio, ProcSizeAndWholeFile) {
   // seq_file pseudo-files refuse a seek to the end with EINVAL.
   if (access("/proc/self/status", R_OK) == 0) {

@@ -67,8 +67,8 @@ struct block_text {
 struct template_store {
   // A deque, so that a template stays where it is while later links append.
   std::deque<event_template> templates;
-  std::map<template_digest, uint32_t> by_digest;
-  std::map<qv::guid16, provider_entry> providers;
+  std::map<template_digest, uint32_t, qv::guid_less> by_digest;  // ordered as plain bytes
+  std::map<qv::guid16, provider_entry, qv::guid_less> providers;
   std::map<uint16_t, qv::guid16> group_guids;  // hook id with low byte cleared -> GUID
   uint32_t trace_build = 0;
   // The embedded block, kept whole while records of it wait to be linked,

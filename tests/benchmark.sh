@@ -1,33 +1,97 @@
 #!/bin/sh
 # Throughput of the default output, -csv, -csvl2t and -jsonl with full
 # decoding: writes a large trace with the trace writer (once) and times quon
-# over it.
-#   benchmark.sh <quon> <write_trace> [megabytes]
+# over it, then over each real sample trace larger than 1 MB (when the sample
+# folder is there), named again and again in one -log list until the list
+# holds at least 200 MB, so that start-up doesn't count.
+#   benchmark.sh <quon> <write_trace> [megabytes] [samples-folder] [figures-file]
+# The figures of the run are written to the figures file as well (default:
+# none), so that the last run's figures can be kept beside the sources. Each
+# figure is the fastest of QUON_BENCH_REPEAT runs (default 3).
 set -eu
 quon=$1
 writer=$2
 mb=${3:-${QUON_BENCH_MB:-512}}
+samples=${4:-${QUON_SAMPLES_DIR:-}}
+figures=${5:-${QUON_BENCH_FIGURES:-}}
+repeat=${QUON_BENCH_REPEAT:-3}
 dir=${QUON_BENCH_DIR:-/tmp/quon-bench}
 mkdir -p "$dir"
 trace="$dir/big-$mb.etl"
 [ -f "$trace" ] || "$writer" big "$mb" "$trace"
-bytes=$(stat -c %s "$trace")
+report="$dir/figures.txt"
+: > "$report"
+
+say() {
+  echo "$*"
+  echo "$*" >> "$report"
+}
 
 # Start-up: a run on a file that isn't a trace loads the templates and stops.
 printf 'not a trace' > "$dir/empty.txt"
 start=$(date +%s.%N)
 "$quon" -quiet -log "$dir/empty.txt" >/dev/null 2>&1 || true
 end=$(date +%s.%N)
-echo "start-up (template load included): $(echo "($end - $start) * 1000" | bc -l | cut -c1-6) ms"
+say "start-up (template load included): $(echo "($end - $start) * 1000" | bc -l | cut -c1-6) ms"
 
-# The output goes through a pipe to a line count, so that the figures are
-# those of the reader and not of the disk it would write to.
-for mode in "" "-csv" "-csvl2t" "-jsonl"; do
-  start=$(date +%s.%N)
-  rows=$( { /usr/bin/time -f "%M" -o "$dir/rss" "$quon" -quiet $mode -log "$trace"; } | wc -l)
-  end=$(date +%s.%N)
-  secs=$(echo "$end - $start" | bc -l)
-  echo "mode '${mode:-default}': $bytes bytes, $rows lines in $secs s:" \
-    "$(echo "$bytes / 1048576 / $secs" | bc -l | cut -c1-7) MB/s," \
-    "$(echo "$rows / $secs" | bc -l | cut -d. -f1) rows/s, peak RSS $(cat "$dir/rss") KiB"
-done
+# run_forms <label> <bytes> <list>: each output form over the -log list. The
+# output goes through a pipe to a line count, so that the figures are those
+# of the reader and not of the disk it would write to.
+run_forms() {
+  label=$1
+  bytes=$2
+  list=$3
+  for mode in "" "-csv" "-csvl2t" "-jsonl"; do
+    # The fastest of a few runs: on a machine shared with other work a
+    # single run measures the neighbours as much as the program.
+    secs=""
+    run=0
+    while [ "$run" -lt "$repeat" ]; do
+      run=$((run + 1))
+      start=$(date +%s.%N)
+      n=$( { /usr/bin/time -f "%M %U %S" -o "$dir/rss.try" "$quon" -quiet $mode -log "$list"; } | wc -l)
+      end=$(date +%s.%N)
+      t=$(echo "$end - $start" | bc -l)
+      if [ -z "$secs" ] || [ "$(echo "$t < $secs" | bc -l)" = 1 ]; then
+        secs=$t
+        rows=$n
+        cp "$dir/rss.try" "$dir/rss"
+      fi
+    done
+    read -r rss user sys < "$dir/rss"
+    # The processor time of quon alone as well: on a machine shared with
+    # other work the wall time also counts the waits.
+    cpu=$(echo "$user + $sys" | bc -l)
+    say "$label mode '${mode:-default}': $bytes bytes, $rows lines in $(echo "$secs" | cut -c1-6) s:" \
+      "$(echo "$bytes / 1048576 / $secs" | bc -l | cut -c1-7) MB/s," \
+      "$(echo "$rows / $secs" | bc -l | cut -d. -f1) rows/s," \
+      "cpu $cpu s ($(echo "$bytes / 1048576 / $cpu" | bc -l | cut -c1-7) MB/s), peak RSS $rss KiB"
+  done
+}
+
+run_forms "synthetic $(basename "$trace")" "$(stat -c %s "$trace")" "$trace"
+
+# The real samples, when the folder is there.
+if [ -n "$samples" ] && [ -d "$samples" ]; then
+  find "$samples" -name '*.etl' -size +1M | sort | while read -r sample; do
+    size=$(stat -c %s "$sample")
+    list=$sample
+    total=$size
+    while [ "$total" -lt $((200 * 1048576)) ]; do
+      list="$list | $sample"
+      total=$((total + size))
+    done
+    run_forms "sample ${sample#"$samples"/} x$((total / size))" "$total" "$list"
+  done
+else
+  say "real samples: folder absent, skipped"
+fi
+
+if [ -n "$figures" ]; then
+  {
+    echo "# The benchmark's last figures (cmake --build <dir> --target benchmark):"
+    echo "# input MB/s and rows/s per output form, output counted through a pipe;"
+    echo "# the fastest of $repeat runs each."
+    cat "$report"
+  } > "$figures"
+fi

@@ -558,6 +558,47 @@ TEST(Jsonl, TypedValues) {
   EXPECT_EQ(j.at("guessed"), false);
 }
 
+TEST(Jsonl, TraceLoggingSchemasThatComeBackKeepTheirOwnFields) {
+  // Three schemas of one provider, each coming back after the others (a
+  // schema seen before is not parsed again), and one whose name and field
+  // differ only in a byte from another's.
+  auto number_event = [](const std::string& name, const std::string& field_name, uint32_t value, uint64_t time) {
+    tw::bytes p;
+    put32(p, value);
+    return tracelogging_event(name, {{field_name, 8}}, p, time);
+  };
+  auto text_event = [](const std::string& name, const std::string& text, uint64_t time) {
+    tw::bytes p(text.begin(), text.end());
+    p.push_back(0);
+    return tracelogging_event(name, {{"s", 2}}, p, time);
+  };
+  e2e::temp_dir dir;
+  const std::vector<tw::bytes> records = {
+      number_event("EvA", "a", 1, kT0 + 1), text_event("EvB", "one", kT0 + 2),
+      number_event("EvA", "a", 2, kT0 + 3), number_event("EvA", "b", 3, kT0 + 4),
+      text_event("EvB", "two", kT0 + 5),    number_event("EvA", "a", 4, kT0 + 6),
+      number_event("EvA", "b", 5, kT0 + 7)};
+  const e2e::run_result r = e2e::run_quon("-quiet -jsonl -log " + write_regular(dir, "schemas.etl", records));
+  const std::vector<json> lines = json_lines(r.out);
+  ASSERT_EQ(lines.size(), 7u);
+  const char* names[7] = {"EvA", "EvB", "EvA", "EvA", "EvB", "EvA", "EvA"};
+  const char* fields[7] = {"a", "s", "a", "b", "s", "a", "b"};
+  for (size_t i = 0; i < 7; ++i) {
+    SCOPED_TRACE(i);
+    const json& f = lines[i].at("fields");
+    EXPECT_EQ(f.at(names[i]), "{guess}");
+    ASSERT_TRUE(f.contains(fields[i]));
+    EXPECT_EQ(f.size(), 2u);
+  }
+  EXPECT_EQ(field(lines[0], "a"), 1u);
+  EXPECT_EQ(field(lines[1], "s"), "one");
+  EXPECT_EQ(field(lines[2], "a"), 2u);
+  EXPECT_EQ(field(lines[3], "b"), 3u);
+  EXPECT_EQ(field(lines[4], "s"), "two");
+  EXPECT_EQ(field(lines[5], "a"), 4u);
+  EXPECT_EQ(field(lines[6], "b"), 5u);
+}
+
 TEST(Jsonl, HostileTextsAreValidJsonWithEveryCharacterKept) {
   e2e::temp_dir dir;
   const std::string trace = write_regular(dir, "hostile.etl", {hostile_event()});

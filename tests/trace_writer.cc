@@ -5,6 +5,9 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <sys/types.h>
+#include <unistd.h>
+
 namespace tw {
 namespace {
 
@@ -505,57 +508,57 @@ void append32(bytes& b, uint32_t v) {
 
 }  // namespace
 
-bool write_big_trace(const std::string& path, uint64_t total_bytes) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f) return false;
+namespace {
+
+// The log header of the large traces, with the given buffer size.
+log_header_spec big_header(uint32_t buffer_size) {
   log_header_spec h;
-  h.buffer_size = 65536;
+  h.buffer_size = buffer_size;
   h.clock = clock_qpc;
   h.perf_freq = 10000000;
   h.system_time = 1000000000;
   h.start_time = 134170743671234567ull;
   h.logger_name = "Big Session";
   h.log_file_name = "c:\\logs\\big.etl";
-  etl_writer w;
-  w.log_header(h);
-  bool ok = std::fwrite(w.data().data(), 1, w.size(), f) == w.size();
+  return h;
+}
 
-  const guid manifest = guid_from_text("22fb2cd6-0e7b-422b-a0c7-2fad1fd0e716");  // Kernel-Process
-  const guid tl = guid_from_text("8e805eb3-8c20-4d38-a4a5-5a3b2b69bd16");
-  static const char* const kPaths[] = {
-      "\\Device\\HarddiskVolume3\\Windows\\System32\\kernel32.dll",
-      "\\Device\\HarddiskVolume3\\Users\\analyst\\AppData\\Local\\Temp\\x.tmp",
-      "C:\\Program Files\\App\\app.exe",
-      "\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run"};
-  rng r;
-  uint64_t written = w.size();
-  uint64_t raw = 1000000000;
-  uint32_t sequence = 0;
-  while (ok && written < total_bytes) {
+// The events of a large trace, made buffer by buffer: a realistic mix that
+// fills up to `space` bytes of a buffer (its 72-byte header included).
+class big_events {
+ public:
+  std::vector<bytes> next_buffer(size_t space) {
+    static const char* const kPaths[] = {
+        "\\Device\\HarddiskVolume3\\Windows\\System32\\kernel32.dll",
+        "\\Device\\HarddiskVolume3\\Users\\analyst\\AppData\\Local\\Temp\\x.tmp",
+        "C:\\Program Files\\App\\app.exe",
+        "\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run"};
+    const guid manifest = guid_from_text("22fb2cd6-0e7b-422b-a0c7-2fad1fd0e716");  // Kernel-Process
+    const guid tl = guid_from_text("8e805eb3-8c20-4d38-a4a5-5a3b2b69bd16");
     std::vector<bytes> records;
     size_t used = 72;
     for (;;) {
-      raw += 1 + r.next() % 50;
+      raw_ += 1 + r_.next() % 50;
       event_spec e;
-      e.time = raw;
-      e.process_id = 0x100 + r.next() % 64;
-      e.thread_id = 0x2000 + r.next() % 512;
+      e.time = raw_;
+      e.process_id = 0x100 + r_.next() % 64;
+      e.thread_id = 0x2000 + r_.next() % 512;
       bytes rec;
-      const uint32_t pick = r.next() % 10;
-      const std::string path_text = kPaths[r.next() % 4];
+      const uint32_t pick = r_.next() % 10;
+      const std::string path_text = kPaths[r_.next() % 4];
       if (pick < 4) {  // a manifest event: numbers and a string, guessed
         e.provider = manifest;
-        e.id = static_cast<uint16_t>(1 + r.next() % 8);
+        e.id = static_cast<uint16_t>(1 + r_.next() % 8);
         e.keyword = 0x8000000000000010ull;
         append32(e.payload, e.process_id);
-        append32(e.payload, r.next());
+        append32(e.payload, r_.next());
         append_utf16(e.payload, path_text);
-        append32(e.payload, r.next() % 1000);
+        append32(e.payload, r_.next() % 1000);
         rec = event_header_record(e);
       } else if (pick < 8) {  // a classic file name event: pointer and path
         e.id = 0x0400;
         e.class_version = 2;
-        for (int i = 0; i < 8; ++i) e.payload.push_back(uint8_t(r.next()));
+        for (int i = 0; i < 8; ++i) e.payload.push_back(uint8_t(r_.next()));
         append_utf16(e.payload, path_text);
         rec = system_header_record(e);
       } else {  // TraceLogging: schema and a payload of two strings and a number
@@ -565,24 +568,78 @@ bool write_big_trace(const std::string& path, uint64_t total_bytes) {
         e.payload.insert(e.payload.end(), app.begin(), app.end());
         e.payload.push_back(0);
         append_utf16(e.payload, path_text);
-        append32(e.payload, r.next() % 65536);
+        append32(e.payload, r_.next() % 65536);
         rec = event_header_record(e);
       }
       const size_t step = (rec.size() + 7) & ~size_t(7);
-      if (used + step > 65536) break;
+      if (used + step > space) break;
       used += step;
       records.push_back(std::move(rec));
     }
-    etl_writer b;
+    return records;
+  }
+
+  // The next buffer's header fields.
+  buffer_spec next_shape(uint32_t buffer_size) {
     buffer_spec shape;
-    shape.buffer_size = 65536;
-    shape.timestamp = raw + 1;
-    shape.sequence = sequence++;
-    shape.processor = static_cast<uint8_t>(sequence % 4);
-    b.add_buffer(records, shape);
+    shape.buffer_size = buffer_size;
+    shape.timestamp = raw_ + 1;
+    shape.sequence = sequence_++;
+    shape.processor = static_cast<uint8_t>(sequence_ % 4);
+    return shape;
+  }
+
+ private:
+  rng r_;
+  uint64_t raw_ = 1000000000;
+  uint32_t sequence_ = 0;
+};
+
+}  // namespace
+
+bool write_big_trace(const std::string& path, uint64_t total_bytes) {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return false;
+  etl_writer w;
+  w.log_header(big_header(65536));
+  bool ok = std::fwrite(w.data().data(), 1, w.size(), f) == w.size();
+  big_events events;
+  uint64_t written = w.size();
+  while (ok && written < total_bytes) {
+    std::vector<bytes> records = events.next_buffer(65536);
+    etl_writer b;
+    b.add_buffer(records, events.next_shape(65536));
     ok = std::fwrite(b.data().data(), 1, b.size(), f) == b.size();
     written += b.size();
   }
+  return std::fclose(f) == 0 && ok;
+}
+
+bool write_sparse_big_trace(const std::string& path, uint64_t total_bytes, uint32_t buffer_size,
+                            uint32_t used_size) {
+  if (buffer_size < 4096 || used_size < 4096 || used_size > buffer_size) return false;
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return false;
+  etl_writer w;
+  w.log_header(big_header(buffer_size));
+  // The first block's own padding is left as a hole too.
+  size_t head = w.size();
+  while (head > 0 && w.data()[head - 1] == 0) --head;
+  bool ok = std::fwrite(w.data().data(), 1, head, f) == head;
+  big_events events;
+  uint64_t at = w.size();
+  while (ok && at + buffer_size <= total_bytes) {
+    std::vector<bytes> records = events.next_buffer(used_size);
+    etl_writer b;
+    b.add_buffer(records, events.next_shape(buffer_size));
+    size_t n = b.size();
+    while (n > 0 && b.data()[n - 1] == 0) --n;
+    ok = fseeko(f, static_cast<off_t>(at), SEEK_SET) == 0 &&
+         std::fwrite(b.data().data(), 1, n, f) == n;
+    at += buffer_size;
+  }
+  // The last buffer's padding: the file ends where its buffers do.
+  ok = ok && std::fflush(f) == 0 && ftruncate(fileno(f), static_cast<off_t>(at)) == 0;
   return std::fclose(f) == 0 && ok;
 }
 

@@ -186,4 +186,11 @@ bytes sample_trace();
 // TraceLogging events with their schema). Deterministic.
 bool write_big_trace(const std::string& path, uint64_t total_bytes);
 
+// The same mix of events in a sparse file of about `total_bytes` (never more):
+// buffers of `buffer_size` bytes whose events fill only the first
+// `used_size` bytes; the rest of each buffer, zeros, is left as a hole, so
+// that a file of gigabytes takes a few megabytes of disk. Deterministic.
+bool write_sparse_big_trace(const std::string& path, uint64_t total_bytes, uint32_t buffer_size,
+                            uint32_t used_size);
+
 }  // namespace tw

@@ -166,6 +166,9 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
 
   // The buffer loop.
   std::vector<uint8_t> buffer;
+  // The 72-byte headers are read apart, so that the buffer keeps its size
+  // from one buffer to the next and is never zero-filled again.
+  std::vector<uint8_t> header;
   std::vector<uint8_t> expanded;
   uint64_t pos = first_block_size;
   uint32_t buffer_size = 0;  // kept from one pass to the next on purpose
@@ -173,8 +176,8 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
   const bool size_at_4 = is_rlfs || is_headerless;
   for (;;) {
     if (pos >= file_size) break;
-    if (!read_exact(file, buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) break;
-    buffer_size = rd_u32(buffer.data(), buffer.size(), size_at_4 ? 4 : 0);
+    if (!read_exact(file, header, kBufferHeaderSize, pos) || header.size() < kBufferHeaderSize) break;
+    buffer_size = rd_u32(header.data(), header.size(), size_at_4 ? 4 : 0);
     if (buffer_size == 0 || static_cast<uint64_t>(buffer_size) + pos > file_size) {
       if (buffer_size != 0 || !size_at_4) {
         // Zero-sized or running past the end: the rest of the file is one
@@ -187,11 +190,11 @@ bool walk_trace_file(uni::fileio& file, walk_options& opts, trace_engine& engine
         // walk at the read below.
         bool stop = false;
         for (;;) {
-          if (is_buffer_header(buffer.data(), file_size - pos, false)) break;
-          if (!is_buffer_header(buffer.data(), file_size - pos, true)) { stop = true; break; }
+          if (is_buffer_header(header.data(), file_size - pos, false)) break;
+          if (!is_buffer_header(header.data(), file_size - pos, true)) { stop = true; break; }
           pos += kBufferHeaderSize;
           if (pos > file_size) { stop = true; break; }
-          if (!read_exact(file, buffer, kBufferHeaderSize, pos) || buffer.size() < kBufferHeaderSize) {
+          if (!read_exact(file, header, kBufferHeaderSize, pos) || header.size() < kBufferHeaderSize) {
             stop = true;
             break;
           }

@@ -1,6 +1,7 @@
 #include "trace/trace_engine.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "decode/payload_decoder.h"
@@ -373,6 +374,32 @@ void add_stack_fields(etl_record& rec, const uint8_t* data, uint32_t size, uint6
   }
 }
 
+// TraceLogging schemas repeat from event to event of a provider: each one is
+// parsed once and kept, beside its bytes, in a small table indexed by a hash
+// of the bytes. A slot holds what the parse gave, a failed parse included.
+struct schema_slot {
+  std::vector<uint8_t> bytes;
+  event_template layout;
+  bool parsed = false;
+  bool ok = false;
+};
+constexpr size_t kSchemaSlots = 32;
+
+const event_template& cached_schema(const uint8_t* data, uint32_t size, bool& ok) {
+  thread_local std::array<schema_slot, kSchemaSlots> slots;
+  uint64_t h = 1469598103934665603ULL;  // FNV-1a
+  for (uint32_t i = 0; i < size; ++i) h = (h ^ data[i]) * 1099511628211ULL;
+  schema_slot& slot = slots[(h ^ (h >> 29)) % kSchemaSlots];
+  if (!slot.parsed || slot.bytes.size() != size ||
+      (size != 0 && std::memcmp(slot.bytes.data(), data, size) != 0)) {
+    slot.bytes.assign(data, data + size);
+    slot.ok = parse_tracelogging_schema(data, size, slot.layout);
+    slot.parsed = true;
+  }
+  ok = slot.ok;
+  return slot.layout;
+}
+
 // Extended items behind an EVENT_HEADER: a run of items, each a u16 total
 // size, u16 ExtType, u16 more-items flag, u16 data size and the data. Every
 // item is stepped over by its total size, whatever its type; types not read
@@ -383,8 +410,7 @@ uint32_t decode_extended_items(trace_engine& e, etl_record& rec, const uint8_t* 
                                uint32_t limit, uint64_t base, const uint8_t* buffer_end,
                                bool ptr64) {
   uint32_t used = 0;
-  // Reused from event to event: a schema's lists keep their storage.
-  thread_local event_template schema;
+  const event_template* schema = nullptr;
   bool have_schema = false;
   const size_t readable = static_cast<size_t>(buffer_end - area);
   for (;;) {
@@ -445,9 +471,12 @@ uint32_t decode_extended_items(trace_engine& e, etl_record& rec, const uint8_t* 
           f->number = rd_u64(data, dsize, 0);
         }
         break;
-      case kExtSchema:  // TraceLogging schema
-        if (parse_tracelogging_schema(data, dsize, schema)) have_schema = !schema.words.empty();
+      case kExtSchema: {  // TraceLogging schema
+        bool ok = false;
+        schema = &cached_schema(data, dsize, ok);
+        if (ok) have_schema = !schema->words.empty();
         break;
+      }
       case kExtProviderTraits: {  // u16 size, the provider's UTF-8 name, then traits
         const uint32_t traits_size = std::min<uint32_t>(rd_u16(data, dsize, 0), dsize);
         std::string name;
@@ -471,7 +500,7 @@ uint32_t decode_extended_items(trace_engine& e, etl_record& rec, const uint8_t* 
   }
   if (have_schema && used < limit && e.decode_enabled) {
     const uint8_t* payload = area + used;
-    const int32_t consumed = walk_template(schema, rec.fields, payload, limit - used, buffer_end,
+    const int32_t consumed = walk_template(*schema, rec.fields, payload, limit - used, buffer_end,
                                            base + used, ptr64);
     if (consumed > 0) used += static_cast<uint32_t>(consumed);
   }

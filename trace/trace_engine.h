@@ -103,8 +103,8 @@ class record_list {
 
 // Indexes of the side modes: provider list, statistics, subset extraction.
 struct trace_indexes {
-  std::set<qv::guid16> provider_set;
-  std::map<qv::guid16, std::map<uint16_t, uint64_t>> event_counts;
+  std::set<qv::guid16, qv::guid_less> provider_set;
+  std::map<qv::guid16, std::map<uint16_t, uint64_t>, qv::guid_less> event_counts;
   // Offsets of the records of the provider being extracted (see -pullguid).
   std::multimap<qv::guid16, uint64_t> subset_index;
   // Step of every record of the current buffer, by file offset.
