@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <new>
+#include <utility>
 
 
 void reset(template_source& source) {
@@ -48,6 +49,21 @@ template_digest digest_of(const std::string& text) {
     h >>= 8;
   }
   return d;
+}
+
+const provider_entry* find_provider(const template_store& store, const qv::guid16& guid) {
+  provider_lookup_cache& c = store.last_provider;
+  if (c.entry && c.guid == guid) return c.entry;
+  auto p = store.providers.find(guid);
+  if (p == store.providers.end()) return nullptr;
+  c.entry = &p->second;
+  c.guid = guid;
+  return c.entry;
+}
+
+provider_entry* find_provider(template_store& store, const qv::guid16& guid) {
+  // The entry belongs to a store that isn't const.
+  return const_cast<provider_entry*>(find_provider(std::as_const(store), guid));
 }
 
 namespace {
@@ -124,9 +140,9 @@ const template_digest* choose_among_all(const build_map* any, const version_map*
 // The choice of one store's own layouts (see find_event_template).
 const event_template* find_own_template(template_store& store, const qv::guid16& guid,
                                         uint16_t event_id, int version) {
-  auto p = store.providers.find(guid);
-  if (p == store.providers.end()) return nullptr;
-  provider_entry& entry = p->second;
+  provider_entry* p = find_provider(store, guid);
+  if (!p) return nullptr;
+  provider_entry& entry = *p;
   if (!entry.pending.empty() && store.link_pending) store.link_pending(store, entry);
   const uint16_t build = build_key(store);
 
@@ -277,8 +293,8 @@ void link_template_record(template_store& store, provider_entry& entry,
 
 const std::string& provider_name_of(const template_store& store, const qv::guid16& guid) {
   static const std::string empty;
-  auto p = store.providers.find(guid);
-  if (p != store.providers.end() && !p->second.name.empty()) return p->second.name;
+  const provider_entry* p = find_provider(store, guid);
+  if (p && !p->name.empty()) return p->name;
   if (store.learned) return provider_name_of(*store.learned, guid);
   return empty;
 }
@@ -312,6 +328,7 @@ void clear(template_store& store) {
   store.block_field_names.shrink_to_fit();
   store.link_pending = nullptr;
   store.learned.reset();
+  store.last_provider.entry = nullptr;
 }
 
 void set_trace_build(template_store& store, uint32_t build) { store.trace_build = build; }

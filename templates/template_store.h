@@ -58,6 +58,28 @@ struct provider_entry {
   std::vector<block_record_ref> pending;      // block records not linked yet, in block order
 };
 
+// The provider of the last lookup that found one: events of one provider
+// mostly come in runs, and the map search is then passed over. Entries of
+// the providers map stay where they are while others are added; the cache is
+// emptied when the store is cleared, and a moved or copied store starts with
+// an empty one.
+struct provider_lookup_cache {
+  qv::guid16 guid{};
+  const provider_entry* entry = nullptr;
+  provider_lookup_cache() = default;
+  provider_lookup_cache(const provider_lookup_cache&) {}
+  provider_lookup_cache(provider_lookup_cache&& from) noexcept { from.entry = nullptr; }
+  provider_lookup_cache& operator=(const provider_lookup_cache&) {
+    entry = nullptr;
+    return *this;
+  }
+  provider_lookup_cache& operator=(provider_lookup_cache&& from) noexcept {
+    entry = nullptr;
+    from.entry = nullptr;
+    return *this;
+  }
+};
+
 // A text in the block: `size` bytes at `offset`.
 struct block_text {
   uint32_t offset = 0;
@@ -84,7 +106,12 @@ struct template_store {
   // they fill only keys those sources leave empty, and they are forgotten
   // with the file. Null until a first layout is learned.
   std::unique_ptr<template_store> learned;
+  mutable provider_lookup_cache last_provider;
 };
+
+// The store's entry of a provider, or nullptr.
+const provider_entry* find_provider(const template_store& store, const qv::guid16& guid);
+provider_entry* find_provider(template_store& store, const qv::guid16& guid);
 
 // ---- Parse-time objects -----------------------------------------------------
 //

@@ -327,3 +327,27 @@ TEST(TemplateStore, LearnedLayoutsFillOnlyKeysTheStoreLacks) {
   EXPECT_EQ(name_of(other, 1, 0), "none");
   EXPECT_EQ(provider_name_of(store, other), "");
 }
+
+TEST(TemplateStore, TheLastProviderFoundIsKeptOnlyWhileItsEntryIsValid) {
+  template_store store;
+  const qv::guid16 a = guid_with(1), b = guid_with(2);
+  store.providers[a].name = "A";
+  EXPECT_EQ(provider_name_of(store, a), "A");
+  // Providers added later don't move the kept entry, and a miss keeps nothing.
+  for (uint8_t i = 10; i < 60; ++i) store.providers[guid_with(i)].name = "other";
+  EXPECT_EQ(provider_name_of(store, b), "");
+  store.providers[b].name = "B";
+  EXPECT_EQ(provider_name_of(store, b), "B");
+  EXPECT_EQ(find_provider(store, a), &store.providers[a]);
+  // A cleared store forgets it.
+  clear(store);
+  EXPECT_EQ(find_provider(store, a), nullptr);
+  EXPECT_EQ(provider_name_of(store, a), "");
+  // A moved store starts afresh, and the one it came from finds nothing.
+  store.providers[a].name = "A2";
+  EXPECT_EQ(provider_name_of(store, a), "A2");
+  template_store moved = std::move(store);
+  EXPECT_EQ(find_provider(moved, a), &moved.providers[a]);
+  store.providers.clear();
+  EXPECT_EQ(find_provider(store, a), nullptr);
+}
