@@ -18,7 +18,6 @@ namespace {
 
 constexpr uint64_t ticks_per_second = 10000000ULL;
 constexpr uint64_t seconds_per_day = 86400ULL;
-constexpr uint64_t ticks_per_day = ticks_per_second * seconds_per_day;
 
 // Ticks of 1970-01-01 00:00:00 UTC.
 constexpr uint64_t unix_epoch_ticks = 116444736000000000ULL;
