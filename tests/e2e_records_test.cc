@@ -87,7 +87,7 @@ void append(tw::bytes& to, const tw::bytes& b) { to.insert(to.end(), b.begin(), 
 const tw::bytes kWord = {0x44, 0x33, 0x22, 0x11};
 const char kWordData[] = "data{\"01-guess_uint32\":\"0x11223344\"}";
 
-tw::event_spec spec(uint16_t id, int second, uint32_t thread, uint32_t process, const char* provider = kAcme) {
+tw::event_spec event_at(uint16_t id, int second, uint32_t thread, uint32_t process, const char* provider = kAcme) {
   tw::event_spec e;
   e.id = id;
   e.time = kT0 + second * kSecond;
@@ -116,18 +116,18 @@ TEST(Records, EveryHeaderFormGivesItsRow) {
   h.buffer_size = 4096;
   h.start_time = h.system_time = kT0;
   h.logger_name = "Records";
-  tw::event_spec empty = spec(7, 2, 0x12, 0x22);
+  tw::event_spec empty = event_at(7, 2, 0x12, 0x22);
   empty.payload.clear();
-  tw::event_spec message = spec(9, 3, 0x13, 0x23);
-  h.records = {tw::system_header_record(spec(0x1F01, 1, 0x11, 0x21)), tw::event_header_record(empty),
+  tw::event_spec message = event_at(9, 3, 0x13, 0x23);
+  h.records = {tw::system_header_record(event_at(0x1F01, 1, 0x11, 0x21)), tw::event_header_record(empty),
                tw::instance_header_record(message, false)};
   tw::etl_writer w;
   w.log_header(h);
 
-  tw::event_spec full = spec(0x31, 10, 0x1a, 0x2a);
+  tw::event_spec full = event_at(0x31, 10, 0x1a, 0x2a);
   full.class_type = 1;
   full.class_level = 4;
-  tw::event_spec instance = spec(0x32, 12, 0x1c, 0x2c);
+  tw::event_spec instance = event_at(0x32, 12, 0x1c, 0x2c);
   instance.class_type = 5;
   instance.class_level = 3;
   instance.class_version = 1;
@@ -137,28 +137,28 @@ TEST(Records, EveryHeaderFormGivesItsRow) {
   tw::buffer_spec shape;
   shape.timestamp = kT0 + 20 * kSecond;
   shape.processor = 2;
-  w.add_buffer({tw::system_header_record(spec(0x1F02, 4, 0x14, 0x24), false),
-                tw::system_header_record(spec(0x1F03, 5, 0x15, 0x25), true),
-                tw::compact_system_record(spec(0x1F04, 6, 0x16, 0x26), false),
-                tw::compact_system_record(spec(0x1F05, 7, 0x17, 0x27), true),
-                tw::compact_header_record(spec(0x1F06, 8, 0, 0), false),
-                tw::compact_header_record(spec(0x1F07, 9, 0, 0), true),
+  w.add_buffer({tw::system_header_record(event_at(0x1F02, 4, 0x14, 0x24), false),
+                tw::system_header_record(event_at(0x1F03, 5, 0x15, 0x25), true),
+                tw::compact_system_record(event_at(0x1F04, 6, 0x16, 0x26), false),
+                tw::compact_system_record(event_at(0x1F05, 7, 0x17, 0x27), true),
+                tw::compact_header_record(event_at(0x1F06, 8, 0, 0), false),
+                tw::compact_header_record(event_at(0x1F07, 9, 0, 0), true),
                 tw::full_header_record(full, false),
-                tw::full_header_record(spec(0x33, 11, 0x1b, 0x2b), true),
+                tw::full_header_record(event_at(0x33, 11, 0x1b, 0x2b), true),
                 tw::instance_guid_header_record(instance, false),
-                tw::instance_guid_header_record(spec(0x34, 13, 0x1d, 0x2d), true),
-                tw::event_header_record(spec(0x35, 14, 0x1e, 0x2e)),
-                tw::event_header_record(spec(0x36, 15, 0x1f, 0x2f), true),
-                tw::instance_header_record(spec(0x37, 16, 0x20, 0x30), false)},
+                tw::instance_guid_header_record(event_at(0x34, 13, 0x1d, 0x2d), true),
+                tw::event_header_record(event_at(0x35, 14, 0x1e, 0x2e)),
+                tw::event_header_record(event_at(0x36, 15, 0x1f, 0x2f), true),
+                tw::instance_header_record(event_at(0x37, 16, 0x20, 0x30), false)},
                shape);
 
   // A sampled profile, 32 bytes: 8-byte instruction pointer, thread, count.
-  tw::event_spec sample = spec(0x0F2E, 18, 0, 0);
+  tw::event_spec sample = event_at(0x0F2E, 18, 0, 0);
   sample.payload = le64(0xfffff80312345678ull);
   append(sample.payload, le32(0x1234));
   append(sample.payload, {1, 0, 0, 0});
   const tw::bytes tail = tw::compact_header_record(sample);
-  const tw::bytes filler = tw::event_header_record(spec(0x38, 17, 0x21, 0x31));  // 84 bytes
+  const tw::bytes filler = tw::event_header_record(event_at(0x38, 17, 0x21, 0x31));  // 84 bytes
   // Compressed: expanded, the records end at 72 + 88 + 32 + 8 = 200.
   w.add_compressed_buffer({filler, tail, tw::bytes(8, 0)}, kT0 + 20 * kSecond);
   // Regular and full: Offset is BufferSize, 8 bytes of padding behind the tail.
@@ -347,7 +347,7 @@ TEST(Records, ClassicFullHeaderUnderTheImageClassIsAnImageLoad) {
   h.logger_name = "Images";
   tw::etl_writer w;
   w.log_header(h);
-  tw::event_spec load = spec(0, 1, 0x40, 0x1f4, kImage);
+  tw::event_spec load = event_at(0, 1, 0x40, 0x1f4, kImage);
   load.class_type = 10;
   load.class_version = 3;
   load.payload = le64(0x00007ff6a1b20000ull);
@@ -410,7 +410,7 @@ TEST(Records, PointerWidthOfEachEvent) {
   std::vector<tw::bytes> records;
   const struct { uint16_t flags; bool kind7; } cases[] = {{0x20, true}, {0, true}, {0, false}, {0x40, false}};
   for (int i = 0; i < 4; ++i) {
-    tw::event_spec e = spec(1, i + 1, 0x10, 0x20);
+    tw::event_spec e = event_at(1, i + 1, 0x10, 0x20);
     e.flags = cases[i].flags;
     e.payload = payload;
     records.push_back(tw::event_header_record(e, cases[i].kind7));
@@ -448,7 +448,7 @@ TEST(Records, StackTraceItemsAndItemsOfUnknownType) {
   h.logger_name = "Stacks";
   tw::etl_writer w;
   w.log_header(h);
-  tw::event_spec e = spec(1, 1, 0x10, 0x20);
+  tw::event_spec e = event_at(1, 1, 0x10, 0x20);
   tw::bytes stack64 = le64(0);  // the match id
   for (uint64_t a : {0x00007ffd77b2c974ull, 0xfffff80312345678ull}) append(stack64, le64(a));
   tw::bytes stack32 = le64(7);
@@ -531,15 +531,15 @@ TEST(Records, TheSeparateCountOfAWrittenTrace) {
   tw::log_header_spec h;
   h.buffer_size = 4096;
   h.start_time = h.system_time = kT0;
-  h.records = {tw::system_header_record(spec(0x1F01, 1, 1, 1)), tw::compact_header_record(spec(0x1F02, 1, 0, 0)),
-               tw::event_header_record(spec(3, 1, 1, 1))};
+  h.records = {tw::system_header_record(event_at(0x1F01, 1, 1, 1)), tw::compact_header_record(event_at(0x1F02, 1, 0, 0)),
+               tw::event_header_record(event_at(3, 1, 1, 1))};
   tw::etl_writer w;
   w.log_header(h);
-  w.add_buffer({tw::event_header_record(spec(4, 2, 1, 1)), tw::full_header_record(spec(5, 2, 1, 1), true),
-                tw::instance_guid_header_record(spec(6, 2, 1, 1)), tw::instance_header_record(spec(7, 2, 1, 1), false)},
+  w.add_buffer({tw::event_header_record(event_at(4, 2, 1, 1)), tw::full_header_record(event_at(5, 2, 1, 1), true),
+                tw::instance_guid_header_record(event_at(6, 2, 1, 1)), tw::instance_header_record(event_at(7, 2, 1, 1), false)},
                {.timestamp = kT0 + 20 * kSecond});
-  w.add_compressed_buffer({tw::event_header_record(spec(8, 3, 1, 1)), tw::compact_system_record(spec(0x1F09, 3, 1, 1)),
-                           tw::system_header_record(spec(0x1F0A, 3, 1, 1), false)},
+  w.add_compressed_buffer({tw::event_header_record(event_at(8, 3, 1, 1)), tw::compact_system_record(event_at(0x1F09, 3, 1, 1)),
+                           tw::system_header_record(event_at(0x1F0A, 3, 1, 1), false)},
                           kT0 + 20 * kSecond);
   const std::string trace = dir.write("c.etl", w.data());
   const record_count c = count_records(trace);
