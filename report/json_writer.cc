@@ -126,27 +126,6 @@ uint32_t surrogate_at(const uint8_t* p, size_t n) {
   return 0xD000u | ((p[1] & 0x3Fu) << 6) | (p[2] & 0x3Fu);
 }
 
-void append_utf8(std::string& out, uint32_t cp) {
-  char b[4];
-  size_t n;
-  if (cp < 0x800) {
-    b[0] = char(0xC0 | (cp >> 6));
-    b[1] = char(0x80 | (cp & 0x3F));
-    n = 2;
-  } else if (cp < 0x10000) {
-    b[0] = char(0xE0 | (cp >> 12));
-    b[1] = char(0x80 | ((cp >> 6) & 0x3F));
-    b[2] = char(0x80 | (cp & 0x3F));
-    n = 3;
-  } else {
-    b[0] = char(0xF0 | (cp >> 18));
-    b[1] = char(0x80 | ((cp >> 12) & 0x3F));
-    b[2] = char(0x80 | ((cp >> 6) & 0x3F));
-    b[3] = char(0x80 | (cp & 0x3F));
-    n = 4;
-  }
-  out.append(b, n);
-}
 
 
 void append_string(std::string& out, const std::string& s) {
@@ -414,7 +393,7 @@ void append_json_text(std::string& out, const char* text, size_t n) {
       // make together; any other surrogate stands alone and is replaced.
       const uint32_t low = s < 0xDC00 ? surrogate_at(p + i + 3, n - i - 3) : 0;
       if (low >= 0xDC00) {
-        append_utf8(out, 0x10000 + ((s - 0xD800) << 10) + (low - 0xDC00));
+        qv::append_utf8(out, 0x10000 + ((s - 0xD800) << 10) + (low - 0xDC00));
         i += 6;
       } else {
         out += kReplacement;

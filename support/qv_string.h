@@ -17,6 +17,10 @@ namespace qv {
 
 // Encodes each element by its value (1 to 4 bytes). A value above 0x10FFFF
 // stops the conversion: the bytes so far stay in `out`, result false.
+// Appends the UTF-8 form of one code point; a surrogate or a value beyond
+// U+10FFFF becomes U+FFFD.
+void append_utf8(std::string& out, uint32_t cp);
+
 bool wide_to_utf8(std::string& out, const std::wstring& in);
 // Decodes by lead byte; a bad or missing continuation byte or a bad lead byte
 // stops it with false, keeping what was decoded.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "support/qv_string.h"
+
 namespace qv {
 
 namespace {
@@ -21,24 +23,6 @@ bool is_xml_char(uint32_t cp) {
 
 constexpr uint32_t kReplacement = 0xFFFD;
 
-void append_utf8(std::string& out, uint32_t cp) {
-  if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = kReplacement;
-  if (cp < 0x80) {
-    out.push_back(static_cast<char>(cp));
-  } else if (cp < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else if (cp < 0x10000) {
-    out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  }
-}
 
 // UTF-16 of either byte order to UTF-8; an odd last byte is dropped.
 void utf16_to_utf8(const uint8_t* p, size_t n, bool big_endian, std::string& out) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include "support/qv_string.h"
 #include "templates/template_text.h"
 
 namespace layoutgen {
@@ -133,12 +134,7 @@ hand_checked_keys read_hand_checked_keys(const std::string& data_dir,
     if (!load_template_text(source, data_dir + "/" + name)) continue;
     if (files_read) files_read->push_back(name);
     for (const template_record& r : source.records) {
-      char text[40];
-      const uint8_t* g = r.guid.data();
-      std::snprintf(text, sizeof text,
-                    "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-                    g[3], g[2], g[1], g[0], g[5], g[4], g[7], g[6], g[8], g[9], g[10], g[11],
-                    g[12], g[13], g[14], g[15]);
+      const std::string text = qv::guid_text(r.guid.data());
       if (r.words.empty()) {
         if (named && r.provider_index != 0) named->insert(text);
         continue;

@@ -8,6 +8,7 @@
 #include <tuple>
 #include <utility>
 
+#include "support/qv_string.h"
 #include "templates/manifest_xml.h"
 #include "tools/layoutgen/mof_tsv.h"
 
@@ -28,16 +29,6 @@ constexpr uint16_t kTableBuild = 28000;
 // The token of the newest run of a layout that changed between builds: it
 // also serves traces of builds after the dumps and of unknown build.
 constexpr uint16_t kNewestBuild = 65535;
-
-std::string guid_text(const qv::guid16& guid) {
-  char text[40];
-  const uint8_t* g = guid.data();
-  std::snprintf(text, sizeof text,
-                "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", g[3], g[2],
-                g[1], g[0], g[5], g[4], g[7], g[6], g[8], g[9], g[10], g[11], g[12], g[13], g[14],
-                g[15]);
-  return text;
-}
 
 std::vector<std::string> files_in(const std::string& dir, const char* suffix) {
   std::vector<std::string> names;
@@ -145,15 +136,15 @@ std::string event_line(const std::string& guid, uint16_t id, uint8_t version, ui
   g.guid = guid;
   g.id = id;
   g.version = version;
-  std::string line = "{" + guid + "} ! $" + std::to_string(id) + ", V" + std::to_string(version);
-  if (build) line += ", #" + std::to_string(build);
   if (!layout.label.empty()) g.fields.push_back({layout.label, 0x8001});
   for (const gen_field& f : layout.fields) g.fields.push_back(f);
   if (g.fields.empty()) g.fields.push_back({"", 0});
-  // The fields part of the generic line: everything behind the identifier.
-  const std::string full = layout_line(g);
-  const std::string head = "{" + guid + "} ! $" + std::to_string(id) + ", V" + std::to_string(version);
-  line += full.substr(head.size());
+  std::string line = layout_line(g);
+  // The build token stands right behind the V token.
+  if (build) {
+    const std::string head = "{" + guid + "} ! $" + std::to_string(id) + ", V" + std::to_string(version);
+    line.insert(head.size(), ", #" + std::to_string(build));
+  }
   return line;
 }
 
@@ -252,7 +243,7 @@ void convert_manifests(const std::string& manifests, const hand_checked_keys& ha
       }
       for (const manifest_provider& p : doc.providers) {
         if (qv::is_zero_guid(p.guid)) continue;
-        const std::string guid = guid_text(p.guid);
+        const std::string guid = qv::guid_text(p.guid.data());
         if (!p.name.empty()) {
           provider_name[guid] = clean_provider(p.name);
           guid_of_name[p.name] = guid;

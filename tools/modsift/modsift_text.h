@@ -9,11 +9,11 @@
 
 #include "support/byte_reader.h"
 #include "support/guid.h"
+#include "support/qv_string.h"
 
 namespace modsift {
 
-// Appends the UTF-8 form of one code point; invalid ones become U+FFFD.
-void append_utf8(std::string& out, uint32_t cp);
+using qv::append_utf8;
 
 // Reads UTF-16LE text at `off` up to a zero unit, the end of `s`, or
 // `max_units` units, whichever comes first, and returns it as UTF-8.
