@@ -1,6 +1,11 @@
 #include "decode/render.h"
 
+#include <bit>
 #include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "support/qv_string.h"
 
@@ -193,13 +198,41 @@ class direct_writer {
   size_t used_;
 };
 
-// A text value (see append_text_value) written at the writer.
+// A text value (see append_text_value) written at the writer. Sixteen bytes
+// are looked at and stored at a time: a block without a backslash or a quote
+// goes to the line as it is, and one with them is taken up to the first of
+// them, which is then written in its escaped form.
 void write_text_value(direct_writer& w, const std::string& text) {
   const char* p = text.data();
   const char* const end = p + text.size();
-  // Each character takes two places at most (a quote and its backslash).
-  char* q = w.room(2 * text.size());
+  // Each character takes two places at most (a quote and its backslash); the
+  // block stores may write up to 16 bytes beyond what they keep.
+  char* q = w.room(2 * text.size() + 16);
   char* const start = q;
+#if defined(__SSE2__)
+  const __m128i backslashes = _mm_set1_epi8('\\');
+  const __m128i quotes = _mm_set1_epi8('"');
+  while (end - p >= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(q), block);
+    const unsigned hits = static_cast<unsigned>(_mm_movemask_epi8(
+        _mm_or_si128(_mm_cmpeq_epi8(block, backslashes), _mm_cmpeq_epi8(block, quotes))));
+    if (hits == 0) {
+      p += 16;
+      q += 16;
+      continue;
+    }
+    const int first = std::countr_zero(hits);
+    p += first;
+    q += first;
+    if (*p++ == '\\') {
+      *q++ = '/';
+    } else {
+      *q++ = '\\';
+      *q++ = '"';
+    }
+  }
+#endif
   while (p != end) {
     // Eight bytes at a time while none is a backslash or a quote.
     if (end - p >= 8) {

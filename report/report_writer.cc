@@ -8,6 +8,10 @@
 #include <bit>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "report/report_options.h"
 #include "support/qv_string.h"
 #include "support/qv_time.h"
@@ -23,6 +27,25 @@ constexpr uint64_t kTicksPerSecond = 10000000;
 constexpr uint64_t kTicksPerDay = kTicksPerSecond * 86400;
 // Padding is never wider than this, whatever width a column claims.
 constexpr uint64_t kMaxPad = 65535;
+
+// Whether one of the `n` bytes at `p` is `a`, `b` or `c`: sixteen bytes at a
+// time where the processor has the instructions for it.
+bool holds_any_of(const char* p, size_t n, char a, char b, char c) {
+  const char* const end = p + n;
+#if defined(__SSE2__)
+  const __m128i va = _mm_set1_epi8(a), vb = _mm_set1_epi8(b), vc = _mm_set1_epi8(c);
+  for (; end - p >= 16; p += 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i hits = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(block, va), _mm_cmpeq_epi8(block, vb)),
+                                      _mm_cmpeq_epi8(block, vc));
+    if (_mm_movemask_epi8(hits) != 0) return true;
+  }
+#endif
+  for (; p != end; ++p) {
+    if (*p == a || *p == b || *p == c) return true;
+  }
+  return false;
+}
 
 std::string& line_buffer() {
   thread_local std::string line = [] {
@@ -393,7 +416,7 @@ void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_
     if ((c.flags & rf_cut) && n > c.max_text) n = c.max_text;
     out.append(c.text.data(), n);
   }
-  clean_field(out, start, o.separator_char, o.sub_separator_char);
+  const char absent = clean_field(out, start, o.separator_char, o.sub_separator_char);
   const uint64_t field = (!o.no_whitespace && prefix <= w) ? w - prefix : 0;
   if (s.csv) {
     // A text stored between quotes (-enable_quoted_csv_fields) is a quoted
@@ -405,7 +428,7 @@ void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_
       quote_csv_field(out, start, field);
       return;
     }
-    if (csv_field_needs_quotes(out, start, o.separator)) {
+    if (csv_field_needs_quotes(out, start, o.separator, absent)) {
       quote_csv_field(out, start, field);
       return;
     }
@@ -548,28 +571,37 @@ void flatten_all_line_breaks(std::string& text) {
   text.swap(marked);
 }
 
-void clean_field(std::string& out, size_t start, char from, char to) {
-  if (start >= out.size()) return;
-  const size_t n = out.size() - start;
-  if (from != 0 && to != 0 && std::memchr(out.data() + start, from, n) != nullptr) {
-    for (size_t i = start; i < out.size(); ++i) {
-      if (out[i] == from) out[i] = to;
+char clean_field(std::string& out, size_t start, char from, char to) {
+  if (start >= out.size()) return 0;
+  const bool replace = from != 0 && to != 0;
+  // One look over the text finds whether there is anything to do at all.
+  if (holds_any_of(out.data() + start, out.size() - start, replace ? from : '\n', '\n', '\r')) {
+    if (replace) {
+      char* p = out.data() + start;
+      char* const end = out.data() + out.size();
+      while ((p = static_cast<char*>(std::memchr(p, from, static_cast<size_t>(end - p)))) != nullptr) {
+        *p++ = to;
+      }
+    }
+    const size_t n = out.size() - start;
+    if (std::memchr(out.data() + start, '\n', n) != nullptr || std::memchr(out.data() + start, '\r', n) != nullptr) {
+      thread_local std::string piece;
+      piece.assign(out, start, std::string::npos);
+      flatten_all_line_breaks(piece);
+      out.resize(start);
+      out += piece;
+      // The marks of the line breaks are text of their own.
+      return 0;
     }
   }
-  if (std::memchr(out.data() + start, '\n', n) != nullptr || std::memchr(out.data() + start, '\r', n) != nullptr) {
-    thread_local std::string piece;
-    piece.assign(out, start, std::string::npos);
-    flatten_all_line_breaks(piece);
-    out.resize(start);
-    out += piece;
-  }
+  return replace && to != from ? from : 0;
 }
 
-bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator) {
+bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator, char absent) {
   if (start >= out.size()) return false;
   if (out[start] == '"') return true;
   for (char ch : separator) {
-    if (ch != ' ' && out.find(ch, start) != std::string::npos) return true;
+    if (ch != ' ' && ch != absent && out.find(ch, start) != std::string::npos) return true;
   }
   return false;
 }

@@ -72,13 +72,17 @@ void flatten_all_line_breaks(std::string& text);
 // would otherwise not read back as one field.
 //
 // Cleans what stands in `out` from `start` on: every `from` becomes `to`
-// (when both are set), then flatten_all_line_breaks.
-void clean_field(std::string& out, size_t start, char from, char to);
+// (when both are set), then flatten_all_line_breaks. Returns a character
+// the cleaned text is known not to hold (`from`, when it was replaced and
+// no line break was marked), or 0.
+char clean_field(std::string& out, size_t start, char from, char to);
 // Whether the field in `out` from `start` on needs quotes to read back as
 // one CSV field: it begins with a double quote, or holds a character of
 // `separator` other than a blank (a separator without a substitute, as
-// after -csv_separator or -enable_quoted_csv_fields).
-bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator);
+// after -csv_separator or -enable_quoted_csv_fields). `absent` is a
+// character not to look for, as clean_field returns it.
+bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator,
+                            char absent = 0);
 // Puts the field in `out` from `start` on between double quotes, its own
 // quotes doubled, as RFC 4180 has it; blanks up to `width` go inside the
 // closing quote, so that padding stays part of the field.

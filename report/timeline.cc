@@ -71,8 +71,8 @@ const std::string& item(const std::vector<std::string>& list, size_t i) {
 void put_field(std::string& line, const std::string& text, const timeline_record& r) {
   const size_t start = line.size();
   line += text;
-  clean_field(line, start, r.separator_char, r.sub_separator_char);
-  if (csv_field_needs_quotes(line, start, r.separator)) quote_csv_field(line, start, 0);
+  const char absent = clean_field(line, start, r.separator_char, r.sub_separator_char);
+  if (csv_field_needs_quotes(line, start, r.separator, absent)) quote_csv_field(line, start, 0);
 }
 
 // The fields of a line behind its date and time: 15 of them, 14 separators.
@@ -321,12 +321,70 @@ namespace {
 void append_fields(std::string& line, const timeline_entry& e, const timeline_record& r,
                    size_t (&starts)[kTextFields], bool clean) {
   const std::string& sep = r.separator;
+  if (!clean) {
+    // The texts as they are: room for all of them is made at once and each
+    // goes in with one copy. The version (field 9) is a number, and the
+    // data (field 14) may be written by its renderer straight behind them.
+    const std::string* const texts[kTextFields] = {
+        &r.timezone,
+        &e.macb,
+        e.source_text.empty() ? &r.source : &e.source_text,
+        &r.sourcetype,
+        r.type.empty() ? &e.type_text : &r.type,
+        e.user_text.empty() ? &r.user : &e.user_text,
+        &r.host,
+        &r.short_text,
+        &r.desc,
+        nullptr,
+        e.file_text.empty() ? &r.filename : &e.file_text,
+        &r.inode,
+        &r.notes,
+        &r.format,
+        &r.extra};
+    constexpr size_t kVersion = 9;
+    const bool rendered = r.render_extra != nullptr;
+    size_t room = 10 + kTextFields * sep.size();  // 10: the version's digits
+    for (const std::string* t : texts) {
+      if (t) room += t->size();
+    }
+    const size_t at = line.size();
+    line.resize(at + room);
+    char* const base = line.data();
+    char* p = base + at;
+    for (size_t k = 0; k < kTextFields; ++k) {
+      if (k != 0) {
+        std::memcpy(p, sep.data(), sep.size());
+        p += sep.size();
+      }
+      starts[k] = static_cast<size_t>(p - base);
+      if (k == kVersion) {
+        char digits[10];
+        char* const end = digits + sizeof digits;
+        char* d = end;
+        uint32_t v = r.version;
+        do {
+          *--d = static_cast<char>('0' + v % 10);
+          v /= 10;
+        } while (v != 0);
+        std::memcpy(p, d, static_cast<size_t>(end - d));
+        p += end - d;
+      } else if (k + 1 == kTextFields && rendered) {
+        line.resize(static_cast<size_t>(p - base));
+        r.render_extra(line, r.extra_source);
+        return;
+      } else {
+        std::memcpy(p, texts[k]->data(), texts[k]->size());
+        p += texts[k]->size();
+      }
+    }
+    line.resize(static_cast<size_t>(p - base));
+    return;
+  }
   size_t k = 0;
   auto text = [&](const std::string& t) {
     if (k != 0) line += sep;
     starts[k++] = line.size();
-    if (clean) put_field(line, t, r);
-    else line += t;
+    put_field(line, t, r);
   };
   auto own = [&](auto&& put) {
     if (k != 0) line += sep;
@@ -347,11 +405,7 @@ void append_fields(std::string& line, const timeline_entry& e, const timeline_re
   text(r.inode);
   text(r.notes);
   text(r.format);
-  if (r.render_extra && !clean) {
-    own([&] { r.render_extra(line, r.extra_source); });
-  } else {
-    text(r.extra);
-  }
+  text(r.extra);
 }
 
 }  // namespace
@@ -403,21 +457,19 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
     const size_t begin = line.size();
     size_t starts[kTextFields];
     append_fields(line, e, r, starts, false);
-    if (!fields_plain(line, begin, line.size(), starts, kTextFields, r)) {
-      const size_t last = starts[kTextFields - 1];
-      if (fields_plain(line, begin, last, starts, kTextFields - 1, r)) {
-        // Only the last field, the event's data, wants its clean-up; the
-        // others stay as they are, and the data is cleaned where it stands,
-        // as put_field would clean it behind them.
-        clean_field(line, last, r.separator_char, r.sub_separator_char);
-        if (csv_field_needs_quotes(line, last, r.separator)) quote_csv_field(line, last, 0);
-      } else {
-        // The clean-up reads the extra field's text from the record: a
-        // text written straight into the line is taken back from there.
-        if (r.render_extra) r.extra.assign(line, last, std::string::npos);
-        line.resize(begin);
-        append_fields(line, e, r, starts, true);
-      }
+    const size_t last = starts[kTextFields - 1];
+    if (fields_plain(line, begin, last, starts, kTextFields - 1, r)) {
+      // The first 14 fields stand as they are; the last, the event's data,
+      // is cleaned where it stands, as put_field would clean it behind
+      // them (a data text that needs nothing is only looked at once).
+      const char absent = clean_field(line, last, r.separator_char, r.sub_separator_char);
+      if (csv_field_needs_quotes(line, last, r.separator, absent)) quote_csv_field(line, last, 0);
+    } else {
+      // The clean-up reads the extra field's text from the record: a
+      // text written straight into the line is taken back from there.
+      if (r.render_extra) r.extra.assign(line, last, std::string::npos);
+      line.resize(begin);
+      append_fields(line, e, r, starts, true);
     }
     line.push_back('\n');
     out.write(line.data(), static_cast<std::streamsize>(line.size()));
