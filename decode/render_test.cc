@@ -51,6 +51,44 @@ TEST(RenderFields, LongTextsEscapeEveryPlace) {
             "\"05-E\":\"////////\\\"\"");
 }
 
+TEST(RenderFields, MarksAtEveryPlaceOfBlockLongTexts) {
+  // Texts read sixteen bytes at a time: a backslash or a quote at each place
+  // of a 40-byte text (first block, block edges, the tail behind the last
+  // whole block), alone and beside a second mark, and texts of marks only,
+  // each checked against the rule itself: a backslash becomes "/", a quote
+  // gets a backslash in front.
+  auto escaped = [](const std::string& t) {
+    std::string e;
+    for (char c : t) {
+      if (c == '\\') e += '/';
+      else if (c == '"') e += "\\\"";
+      else e += c;
+    }
+    return e;
+  };
+  const std::string plain = "0123456789abcdefghijklmnopqrstuvwxyzABCD";
+  for (size_t at = 0; at < plain.size(); ++at) {
+    for (const char mark : {'\\', '"'}) {
+      std::string one = plain;
+      one[at] = mark;
+      std::string two = one;
+      two[(at + 17) % two.size()] = mark == '"' ? '\\' : '"';
+      decoded_fields fields;
+      put(fields, 1, "A").text = one;
+      put(fields, 2, "B").text = two;
+      ASSERT_EQ(render(fields), "\"01-A\":\"" + escaped(one) + "\";\"02-B\":\"" + escaped(two) + "\"")
+          << "mark at " << at;
+    }
+  }
+  for (const size_t n : {15u, 16u, 17u, 32u, 33u, 100u}) {
+    std::string marks;
+    for (size_t i = 0; i < n; ++i) marks += i % 3 == 0 ? '\\' : '"';
+    decoded_fields fields;
+    put(fields, 1, "M").text = marks;
+    ASSERT_EQ(render(fields), "\"01-M\":\"" + escaped(marks) + "\"") << n << " marks";
+  }
+}
+
 TEST(RenderFields, GuidBytesAndNumbers) {
   decoded_fields fields;
   decoded_field& g = put(fields, 1, "guid");

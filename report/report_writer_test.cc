@@ -204,6 +204,47 @@ TEST(ReportWriter, CsvFieldQuotingHelpers) {
   EXPECT_EQ(line, "ab,\"\"");
 }
 
+TEST(ReportWriter, CleanFieldFindsMarksAtEveryPlace) {
+  // The separator character, an LF or a CR at each place of a 40-byte text
+  // behind a prefix that isn't cleaned: each is found wherever it stands in
+  // the sixteen-byte blocks, and the text comes out as replacing and then
+  // flattening it gives. The character returned is one the cleaned text is
+  // known not to hold.
+  const std::string plain = "0123456789abcdefghijklmnopqrstuvwxyzABCD";
+  for (size_t at = 0; at < plain.size(); ++at) {
+    for (const char mark : {'|', '\n', '\r'}) {
+      std::string text = plain;
+      text[at] = mark;
+      std::string line = "head|" + text;
+      const char absent = clean_field(line, 5, '|', ';');
+      std::string expected = text;
+      std::replace(expected.begin(), expected.end(), '|', ';');
+      flatten_all_line_breaks(expected);
+      ASSERT_EQ(line, "head|" + expected) << int(mark) << " at " << at;
+      ASSERT_EQ(absent, mark == '|' ? '|' : '\0') << at;
+    }
+  }
+  // Every separator character of a text goes, however many there are.
+  std::string line = "||a|b||c|||";
+  EXPECT_EQ(clean_field(line, 0, '|', ';'), '|');
+  EXPECT_EQ(line, ";;a;b;;c;;;");
+  // Without a substitute nothing is replaced, and nothing is known absent.
+  line = "a|b";
+  EXPECT_EQ(clean_field(line, 0, '|', 0), '\0');
+  EXPECT_EQ(line, "a|b");
+  // A start at or past the end leaves the line as it is.
+  EXPECT_EQ(clean_field(line, 3, '|', ';'), '\0');
+  EXPECT_EQ(line, "a|b");
+
+  // The character known absent is not looked for; the others still are.
+  line = "x,a;b";
+  EXPECT_TRUE(csv_field_needs_quotes(line, 2, ",;", 0));
+  EXPECT_TRUE(csv_field_needs_quotes(line, 2, ",;", ','));
+  EXPECT_FALSE(csv_field_needs_quotes(line, 2, ",;", ';'));
+  line = "x,\"a";
+  EXPECT_TRUE(csv_field_needs_quotes(line, 2, ",", ','));  // a quote in front still counts
+}
+
 // A text cell of a CSV form reads back as one field whatever it holds; the
 // padded form keeps its layout with every line break flattened.
 TEST(ReportWriter, HostileTextsInEveryForm) {

@@ -284,6 +284,12 @@ TEST(Timeline, OwnFieldsStandAsTheyAre) {
   // A plain line is the same whichever way it goes.
   event_record(r);
   EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,2,f,,n,quon (ovrelt),x\n");
+  // The widest version, in a plain line and in a cleaned one.
+  event_record(r);
+  r.version = 4294967295u;
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,de,4294967295,f,,n,quon (ovrelt),x\n");
+  r.desc = "d,e";
+  EXPECT_EQ(lines(r), "2026-03-04, 05:06:07.123,UTC,...B,ETL,S,ETL Entry,,,sh,d e,4294967295,f,,n,quon (ovrelt),x\n");
 }
 
 TEST(Timeline, BindOptions) {

@@ -181,6 +181,39 @@ TEST(QvString, Utf16TextLongMostlyAsciiTexts) {
   EXPECT_EQ(s.substr(286, 14), "abcdefghijklmn");  // 286 = 11 * 26
 }
 
+TEST(QvString, Utf16TextStopsAtEveryPlaceOfABlock) {
+  // Forty ASCII units with one unit beyond ASCII, or a zero unit, at each
+  // place: the sixteen-unit blocks must hand over to the slower paths at the
+  // right unit, and a zero unit ends the text there.
+  for (size_t at = 0; at < 40; ++at) {
+    for (const uint16_t odd : {uint16_t{0xE9}, uint16_t{0x20AC}, uint16_t{0x80}, uint16_t{0}}) {
+      std::vector<uint8_t> buf;
+      for (size_t i = 0; i < 40; ++i) {
+        const uint16_t u = i == at ? odd : uint16_t('a' + i % 26);
+        buf.push_back(uint8_t(u));
+        buf.push_back(uint8_t(u >> 8));
+      }
+      std::string expected;
+      for (size_t i = 0; i < 40; ++i) {
+        if (i != at) {
+          expected += char('a' + i % 26);
+        } else if (odd == 0) {
+          break;
+        } else {
+          std::string one;
+          ASSERT_TRUE(qv::wide_to_utf8(one, std::wstring(1, wchar_t(odd))));
+          expected += one;
+        }
+      }
+      std::string s;
+      const uint32_t read = qv::utf16_text(buf.data(), s, uint32_t(buf.size()), true);
+      ASSERT_EQ(s, expected) << "unit " << std::hex << odd << " at " << std::dec << at;
+      // The zero unit is counted as read; otherwise every unit is.
+      ASSERT_EQ(read, odd == 0 ? uint32_t(2 * at + (at == 0 ? 0 : 2)) : 80u) << at;
+    }
+  }
+}
+
 TEST(QvString, Utf8WideConversions) {
   std::string s;
   std::wstring w;
