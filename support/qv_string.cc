@@ -2,6 +2,7 @@
 #include "support/qv_string.h"
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -243,7 +244,8 @@ uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
   // which starts over.
   const bool bounded = max_bytes != 0xFFFFFFFFu;
   const uint32_t limit = bounded ? max_bytes / 2 : 500u;
-  size_t room = limit < 256u ? limit : 256u;
+  // Room for the usual short text first; it grows as the text goes on.
+  size_t room = limit < 64u ? limit : 64u;
   out.resize(room);
   char* dst = out.data();
   uint32_t n = 0;
@@ -257,25 +259,30 @@ uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
   };
   for (;;) {
 #if defined(__SSE2__)
-    // Sixteen units at a time: all ASCII and none zero, they are packed into
-    // sixteen bytes in one step. Only inside a bounded text, like the eight
+    // Sixteen units at a time: all ASCII, they are packed into sixteen bytes
+    // in one step, and the text goes on past them when none is zero or ends
+    // at the first zero one. Only inside a bounded text, like the eight
     // units below.
     if (bounded && limit - n >= 16) {
       const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + 2 * size_t(n)));
       const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + 2 * size_t(n) + 16));
       const __m128i zero = _mm_setzero_si128();
       const __m128i high = _mm_and_si128(_mm_or_si128(a, b), _mm_set1_epi16(static_cast<short>(0xFF80)));
-      const __m128i packed = _mm_packus_epi16(a, b);
-      if (_mm_movemask_epi8(_mm_cmpeq_epi8(high, zero)) == 0xFFFF &&
-          _mm_movemask_epi8(_mm_cmpeq_epi8(packed, zero)) == 0) {
+      if (_mm_movemask_epi8(_mm_cmpeq_epi8(high, zero)) == 0xFFFF) {
+        const __m128i packed = _mm_packus_epi16(a, b);
+        const unsigned zeros = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(packed, zero)));
         if (room - n < 16) {
           room = std::min<size_t>(limit, 2 * room + 16);
           out.resize(room);
           dst = out.data();
         }
         _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + n), packed);
-        n += 16;
-        continue;
+        if (zeros == 0) {
+          n += 16;
+          continue;
+        }
+        n += static_cast<uint32_t>(std::countr_zero(zeros));
+        break;
       }
     }
 #endif
