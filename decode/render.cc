@@ -61,56 +61,6 @@ inline bool has_escape_byte(uint64_t w) {
   return (((b - kOnes) & ~b) | ((q - kOnes) & ~q)) & kHighs;
 }
 
-void append_text_value(std::string& out, const std::string& text) {
-  const char* p = text.data();
-  const char* end = p + text.size();
-  const char* from = p;
-  // Eight bytes at a time up to the first word that may hold a backslash or
-  // a quote; most texts hold neither and go to the line in one piece.
-  while (end - p >= 8) {
-    uint64_t w;
-    std::memcpy(&w, p, 8);
-    if (has_escape_byte(w)) break;
-    p += 8;
-  }
-  for (; p != end; ++p) {
-    if (*p != '\\' && *p != '"') continue;
-    out.append(from, static_cast<size_t>(p - from));
-    if (*p == '\\') {
-      out += '/';
-    } else {
-      out += "\\\"";
-    }
-    from = p + 1;
-  }
-  out.append(from, static_cast<size_t>(end - from));
-}
-
-void append_value(std::string& out, const decoded_field& f) {
-  if (!f.text.empty()) {
-    append_text_value(out, f.text);
-    return;
-  }
-  if (!f.bytes.empty()) {
-    if (f.type == 15 && f.bytes.size() == 16) {
-      out += '{';
-      qv::append_guid_text(out, f.bytes.data());
-      out += '}';
-    } else {
-      append_hex_bytes(out, f.bytes.data(), f.bytes.size());
-    }
-    return;
-  }
-  // Skips (families 0xC and 0xE) carry their "{blob}" in the text; should
-  // one ever come without it, it still shows no number.
-  const uint8_t family = f.subtype >> 4;
-  if (family == 0xC || family == 0xE) return;
-  out += "0x";
-  uint64_t digits = uint64_t{f.size} * 2;
-  if (digits > kMaxNumberDigits) digits = kMaxNumberDigits;
-  append_hex(out, f.number, static_cast<uint32_t>(digits));
-}
-
 }  // namespace
 
 void append_hex(std::string& out, uint64_t value, uint32_t digits) {
@@ -162,47 +112,11 @@ void append_decimal(std::string& out, uint64_t value) {
 
 namespace {
 
-// Writing straight into the end of a string: room is made in large steps
-// (the string grows, zero-filled, by a kilobyte or more at a time) and what
-// was written is counted; the string is cut back to it when done. Texts go
-// from their field to the line in one copy, and nothing is composed on the
-// side only to be copied again.
-class direct_writer {
- public:
-  explicit direct_writer(std::string& s) : s_(s), used_(s.size()) {}
-  ~direct_writer() { s_.resize(used_); }
-  direct_writer(const direct_writer&) = delete;
-  direct_writer& operator=(const direct_writer&) = delete;
-
-  // At least `n` writable bytes at the returned place.
-  char* room(size_t n) {
-    if (s_.size() - used_ < n) s_.resize(used_ + (n > kStep ? n : kStep));
-    return s_.data() + used_;
-  }
-  void advance(size_t n) { used_ += n; }
-  void put(const char* p, size_t n) {
-    std::memcpy(room(n), p, n);
-    used_ += n;
-  }
-  // The string as written so far, for helpers that append to it; `resume`
-  // takes back what they added.
-  std::string& settle() {
-    s_.resize(used_);
-    return s_;
-  }
-  void resume() { used_ = s_.size(); }
-
- private:
-  static constexpr size_t kStep = 1024;
-  std::string& s_;
-  size_t used_;
-};
-
-// A text value (see append_text_value) written at the writer. Sixteen bytes
+// A text value (see append_text_value) written into the line. Sixteen bytes
 // are looked at and stored at a time: a block without a backslash or a quote
 // goes to the line as it is, and one with them is taken up to the first of
 // them, which is then written in its escaped form.
-void write_text_value(direct_writer& w, const std::string& text) {
+void write_text_value(qv::line_text& w, const std::string& text) {
   const char* p = text.data();
   const char* const end = p + text.size();
   // Each character takes two places at most (a quote and its backslash); the
@@ -261,7 +175,12 @@ void write_text_value(direct_writer& w, const std::string& text) {
 }  // namespace
 
 void render_fields(std::string& out, const decoded_fields& fields) {
-  direct_writer w(out);
+  qv::line_text line(out, qv::line_text::behind);
+  render_fields(line, fields);
+  line.settle();
+}
+
+void render_fields(qv::line_text& w, const decoded_fields& fields) {
   uint64_t counter = 0;
   for (const auto& e : fields) {
     const decoded_field& f = e.field;
@@ -296,7 +215,7 @@ void render_fields(std::string& out, const decoded_fields& fields) {
     if (!f.text.empty()) {
       w.advance(static_cast<size_t>(p - start));
       write_text_value(w, f.text);
-      w.put("\"", 1);
+      w.push_back('"');
       continue;
     }
     if (f.bytes.empty()) {
@@ -313,11 +232,26 @@ void render_fields(std::string& out, const decoded_fields& fields) {
       w.advance(static_cast<size_t>(p - start));
       continue;
     }
-    // GUIDs and bytes through the string helpers.
     w.advance(static_cast<size_t>(p - start));
-    std::string& s = w.settle();
-    append_value(s, f);
-    s += '"';
-    w.resume();
+    if (f.type == 15 && f.bytes.size() == 16) {
+      // A GUID between braces.
+      char* q = w.room(39);
+      q[0] = '{';
+      qv::write_guid_text(q + 1, f.bytes.data());
+      q[37] = '}';
+      q[38] = '"';
+      w.advance(39);
+      continue;
+    }
+    // Bytes: two digits each.
+    const size_t n = f.bytes.size();
+    char* q = w.room(2 * n + 1);
+    for (size_t i = 0; i < n; ++i) {
+      const char* pair = kHexPairs[f.bytes[i]];
+      q[2 * i] = pair[0];
+      q[2 * i + 1] = pair[1];
+    }
+    q[2 * n] = '"';
+    w.advance(2 * n + 1);
   }
 }

@@ -11,10 +11,13 @@
 #include <string>
 
 #include "decode/decoded_field.h"
+#include "support/line_text.h"
 
 // Appends the entries of `fields` to `out` (nothing for an empty list). The
 // caller puts "data{" and "}" around it.
 void render_fields(std::string& out, const decoded_fields& fields);
+// The same, into a line being composed: the form the row writers use.
+void render_fields(qv::line_text& out, const decoded_fields& fields);
 
 // Appends `value` in lower-case hexadecimal, zero-filled to `digits` digits;
 // `digits` 0 gives the minimal digits ("0" for zero). No "0x".

@@ -154,20 +154,26 @@ void write_event_columns(std::ostream& out, report_options& opts) {
   write_column_line(out, opts);
 }
 
-void render_extra_data(const etl_record& record, std::string& out) {
+void render_extra_data(const etl_record& record, qv::line_text& out) {
   if (record.fields.empty()) return;
-  out += "data{";
+  out += std::string_view("data{");
   render_fields(out, record.fields);
   out.push_back('}');
+}
+
+void render_extra_data(const etl_record& record, std::string& out) {
+  qv::line_text line(out, qv::line_text::behind);
+  render_extra_data(record, line);
+  line.settle();
 }
 
 namespace {
 
 // The data cell of an event row: the mark of a corrupted record, then the
 // decoded fields.
-void render_data_cell(std::string& out, const void* source) {
+void render_data_cell(qv::line_text& out, const void* source) {
   const etl_record& record = *static_cast<const etl_record*>(source);
-  if (!record.valid) out.append(kCorrupted);
+  if (!record.valid) out += std::string_view(kCorrupted);
   render_extra_data(record, out);
 }
 
@@ -212,7 +218,9 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
   // The data cell is written straight into the line.
   if (!set_cell_rendered_text(row, i, render_data_cell, &record)) {
     if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
-      render_data_cell(*extra, &record);
+      qv::line_text line(*extra, qv::line_text::behind);
+      render_data_cell(line, &record);
+      line.settle();
       finish_cell_text(row, i);
     }
   }

@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 
+#include "support/line_text.h"
 #include "trace/etl_record.h"
 #include "trace/log_header.h"
 #include "trace/record_sink.h"
@@ -21,6 +22,7 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
 void write_event_columns(std::ostream& out, report_options& opts);
 // Appends "data{" + the rendered fields + "}" when the record has fields.
 void render_extra_data(const etl_record& record, std::string& out);
+void render_extra_data(const etl_record& record, qv::line_text& out);
 // The pseudo-row of a regular file's log header (full form).
 void write_header_info_row(const log_header& header, std::ostream& out, report_options& opts);
 // The short header row of an "RlFs" or headerless file, from its first

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/line_text.h"
+
 // Cell and column types.
 enum report_type : uint16_t {
   rt_untyped = 0,
@@ -61,7 +63,7 @@ struct report_cell {
   std::vector<uint64_t> values;
   // A text cell whose text is written straight into the line when the row
   // is written, by `render` from `source`, instead of being held in `text`.
-  void (*render)(std::string& out, const void* source) = nullptr;
+  void (*render)(qv::line_text& out, const void* source) = nullptr;
   const void* source = nullptr;
 
   void reset() {

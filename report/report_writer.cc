@@ -56,25 +56,23 @@ std::string& line_buffer() {
   return line;
 }
 
-void put_blanks(std::string& out, uint64_t n) {
-  // Padding of a usual column comes from a row of blanks in one copy.
-  static constexpr char kBlanks[65] = "                                                                ";
-  if (n <= 64) {
-    out.append(kBlanks, static_cast<size_t>(n));
-    return;
-  }
+// Padding of a usual column goes in as one fixed-size fill.
+template <class Text>
+void put_blanks(Text& out, uint64_t n) {
   if (n > kMaxPad) n = kMaxPad;
   out.append(static_cast<size_t>(n), ' ');
 }
 
 // Pads what was appended since `start` with blanks on the right up to `width`.
-void pad_left_aligned(std::string& out, size_t start, uint64_t width) {
+template <class Text>
+void pad_left_aligned(Text& out, size_t start, uint64_t width) {
   const size_t len = out.size() - start;
   if (len < width) put_blanks(out, width - len);
 }
 
 // Pads what was appended since `start` with blanks on the left up to `width`.
-void pad_right_aligned(std::string& out, size_t start, uint64_t width) {
+template <class Text>
+void pad_right_aligned(Text& out, size_t start, uint64_t width) {
   const size_t len = out.size() - start;
   if (len >= width) return;
   uint64_t n = width - len;
@@ -82,7 +80,8 @@ void pad_right_aligned(std::string& out, size_t start, uint64_t width) {
   out.insert(start, static_cast<size_t>(n), ' ');
 }
 
-void pad_centred(std::string& out, size_t start, uint64_t width) {
+template <class Text>
+void pad_centred(Text& out, size_t start, uint64_t width) {
   const size_t len = out.size() - start;
   if (len >= width) return;
   uint64_t n = width - len;
@@ -92,7 +91,7 @@ void pad_centred(std::string& out, size_t start, uint64_t width) {
   put_blanks(out, n - front);
 }
 
-void put_decimal(std::string& out, uint64_t v) {
+void put_decimal(qv::line_text& out, uint64_t v) {
   char buf[20];
   size_t at = sizeof(buf);
   do {
@@ -103,7 +102,7 @@ void put_decimal(std::string& out, uint64_t v) {
 }
 
 // Lower-case hexadecimal, zero-filled to `digits` (at most kMaxPad).
-void put_hex(std::string& out, uint64_t v, uint64_t digits) {
+void put_hex(qv::line_text& out, uint64_t v, uint64_t digits) {
   char buf[16];
   size_t at = sizeof(buf);
   do {
@@ -222,7 +221,7 @@ bool render_time(uint64_t value, uint16_t type, const qv::datetime_format& fmt,
 // A one-cell time: a leading blank under pad_with_blanks, then date, one
 // blank and time, left-aligned in the column. An invalid stamp leaves a
 // blank for each half (none under -no_whitespace).
-void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
+void write_time_cell(qv::line_text& out, const report_cell& c, uint64_t w, const report_options& o) {
   if (time_kind_of(c.type) == qv::type_filetime) {
     // The usual stamp: date and time go straight into the line.
     thread_local filetime_text stamp;
@@ -250,7 +249,7 @@ void write_time_cell(std::string& out, const report_cell& c, uint64_t w, const r
 }
 
 // A two-cell time: the date in this column, the time in the next.
-void write_time_pair(std::string& out, const report_cell& c, uint64_t w, uint64_t w_next,
+void write_time_pair(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t w_next,
                      const report_options& o) {
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
@@ -267,7 +266,7 @@ void write_time_pair(std::string& out, const report_cell& c, uint64_t w, uint64_
   if (!o.no_whitespace) pad_left_aligned(out, start, w_next);
 }
 
-void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
+void write_ticks_cell(qv::line_text& out, const report_cell& c, uint64_t w, const report_options& o) {
   if (o.pad_with_blanks) out.push_back(' ');
   const size_t start = out.size();
   if (o.base16 || c.flags == rf_hex) {
@@ -280,7 +279,7 @@ void write_ticks_cell(std::string& out, const report_cell& c, uint64_t w, const 
 }
 
 // The general path of number cells: composed in the line, then padded.
-void write_number_cell_general(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+void write_number_cell_general(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t prefix,
                                const report_options& o) {
   const size_t start = out.size();
   const uint64_t field = prefix < w ? w - prefix : 0;
@@ -352,7 +351,7 @@ char* put_hex_backwards(char* end, uint64_t v, size_t digits) {
 // digits are written into it in place; no text is composed on the side to
 // be copied in. Zero fills wider than kMaxInPlaceDigits (only from odd column
 // widths) and the hexadecimal-and-decimal form take the general path.
-void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+void write_number_cell(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t prefix,
                        const report_options& o) {
   const uint64_t field = prefix < w ? w - prefix : 0;
   const uint64_t v = c.number;
@@ -404,7 +403,7 @@ void write_number_cell(std::string& out, const report_cell& c, uint64_t w, uint6
   }
 }
 
-void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_t prefix,
+void write_text_cell(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t prefix,
                      const line_settings& s) {
   const report_options& o = s.o;
   const size_t start = out.size();
@@ -444,7 +443,7 @@ void write_text_cell(std::string& out, const report_cell& c, uint64_t w, uint64_
   }
 }
 
-void write_bytes_cell(std::string& out, const report_cell& c, uint64_t w, const report_options& o) {
+void write_bytes_cell(qv::line_text& out, const report_cell& c, uint64_t w, const report_options& o) {
   const size_t start = out.size();
   if (c.type == rt_hex_pairs) {
     // Pairs between blanks; a value longer than max_text bytes is cut and
@@ -467,7 +466,7 @@ void write_bytes_cell(std::string& out, const report_cell& c, uint64_t w, const 
 
 // Renders cell `i` (and, for a two-cell time, the next one); returns the
 // index of the last cell it used.
-size_t render_cell(std::string& out, const report_row& row, size_t i, const line_settings& s) {
+size_t render_cell(qv::line_text& out, const report_row& row, size_t i, const line_settings& s) {
   const report_options& o = s.o;
   const report_cell& c = row.cells[i];
   const uint64_t w = column_width(o, i);
@@ -537,8 +536,7 @@ void write_multiline_row(std::ostream& out, const report_row& row, report_option
       if (col.type != rt_no_column) col.width = longest + 1;
     }
   }
-  std::string& line = line_buffer();
-  line.clear();
+  qv::line_text line(line_buffer());
   const size_t count = static_cast<size_t>(row.count);
   for (size_t i = 0; i < count; ++i) {
     const report_cell* col = i < o.column_table.size() ? &o.column_table[i] : nullptr;
@@ -571,45 +569,46 @@ void flatten_all_line_breaks(std::string& text) {
   text.swap(marked);
 }
 
-char clean_field(std::string& out, size_t start, char from, char to) {
-  if (start >= out.size()) return 0;
+namespace {
+
+// The first part of clean_field, on the bytes themselves: every `from`
+// becomes `to` (when both are set). True when a line break is left to mark.
+bool replace_and_find_breaks(char* p, size_t n, char from, char to) {
   const bool replace = from != 0 && to != 0;
   // One look over the text finds whether there is anything to do at all.
-  if (holds_any_of(out.data() + start, out.size() - start, replace ? from : '\n', '\n', '\r')) {
-    if (replace) {
-      char* p = out.data() + start;
-      char* const end = out.data() + out.size();
-      while ((p = static_cast<char*>(std::memchr(p, from, static_cast<size_t>(end - p)))) != nullptr) {
-        *p++ = to;
-      }
-    }
-    const size_t n = out.size() - start;
-    if (std::memchr(out.data() + start, '\n', n) != nullptr || std::memchr(out.data() + start, '\r', n) != nullptr) {
-      thread_local std::string piece;
-      piece.assign(out, start, std::string::npos);
-      flatten_all_line_breaks(piece);
-      out.resize(start);
-      out += piece;
-      // The marks of the line breaks are text of their own.
-      return 0;
+  if (!holds_any_of(p, n, replace ? from : '\n', '\n', '\r')) return false;
+  char* const end = p + n;
+  if (replace) {
+    for (char* q = p; (q = static_cast<char*>(std::memchr(q, from, static_cast<size_t>(end - q)))) != nullptr;) {
+      *q++ = to;
     }
   }
-  return replace && to != from ? from : 0;
+  return std::memchr(p, '\n', n) != nullptr || std::memchr(p, '\r', n) != nullptr;
 }
 
-bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator, char absent) {
-  if (start >= out.size()) return false;
-  if (out[start] == '"') return true;
+// Line breaks of what `out` holds from `start` on, marked.
+void mark_breaks(std::string& out, size_t start) {
+  thread_local std::string piece;
+  piece.assign(out, start, std::string::npos);
+  flatten_all_line_breaks(piece);
+  out.resize(start);
+  out += piece;
+}
+
+bool needs_quotes(std::string_view field, const std::string& separator, char absent) {
+  if (field.empty()) return false;
+  if (field[0] == '"') return true;
   for (char ch : separator) {
-    if (ch != ' ' && ch != absent && out.find(ch, start) != std::string::npos) return true;
+    if (ch != ' ' && ch != absent && field.find(ch) != std::string_view::npos) return true;
   }
   return false;
 }
 
-void quote_csv_field(std::string& out, size_t start, uint64_t width) {
+template <class Text>
+void quote_field(Text& out, size_t start, uint64_t width) {
   if (start > out.size()) return;
   thread_local std::string piece;
-  piece.assign(out, start, std::string::npos);
+  piece.assign(out.data() + start, out.size() - start);
   out.resize(start);
   out.push_back('"');
   for (char ch : piece) {
@@ -620,6 +619,42 @@ void quote_csv_field(std::string& out, size_t start, uint64_t width) {
   if (width > 0) pad_left_aligned(out, start, width - 1);
   out.push_back('"');
 }
+
+}  // namespace
+
+char clean_field(std::string& out, size_t start, char from, char to) {
+  if (start >= out.size()) return 0;
+  if (replace_and_find_breaks(out.data() + start, out.size() - start, from, to)) {
+    mark_breaks(out, start);
+    // The marks of the line breaks are text of their own.
+    return 0;
+  }
+  return from != 0 && to != 0 && to != from ? from : 0;
+}
+
+char clean_field(qv::line_text& out, size_t start, char from, char to) {
+  if (start >= out.size()) return 0;
+  if (replace_and_find_breaks(out.data() + start, out.size() - start, from, to)) {
+    mark_breaks(out.settle(), start);
+    out.resume();
+    return 0;
+  }
+  return from != 0 && to != 0 && to != from ? from : 0;
+}
+
+bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator, char absent) {
+  if (start >= out.size()) return false;
+  return needs_quotes(std::string_view(out).substr(start), separator, absent);
+}
+
+bool csv_field_needs_quotes(const qv::line_text& out, size_t start, const std::string& separator, char absent) {
+  if (start >= out.size()) return false;
+  return needs_quotes(out.view().substr(start), separator, absent);
+}
+
+void quote_csv_field(std::string& out, size_t start, uint64_t width) { quote_field(out, start, width); }
+
+void quote_csv_field(qv::line_text& out, size_t start, uint64_t width) { quote_field(out, start, width); }
 
 bool init_report_row(report_row& row, int32_t count, uint32_t default_flags) {
   if (!init_report_row_for_all_cells(row, count, default_flags)) return false;
@@ -649,7 +684,7 @@ std::string* begin_cell_text(report_row& row, int32_t index, uint16_t type, uint
 }
 
 bool set_cell_rendered_text(report_row& row, int32_t index,
-                            void (*render)(std::string& out, const void* source),
+                            void (*render)(qv::line_text& out, const void* source),
                             const void* source) {
   // The rules that finish_text would apply to a stored text.
   if (row.default_flags & rf_quote) return false;
@@ -692,8 +727,7 @@ int32_t set_cell_bytes(report_row& row, int32_t index, const uint8_t* data, uint
 
 void write_column_line(std::ostream& out, report_options& opts) {
   opts.header_row_pending = false;
-  std::string& line = line_buffer();
-  line.clear();
+  qv::line_text line(line_buffer());
   const size_t n = opts.column_table.size();
   for (size_t i = 0; i < n; ++i) {
     const report_cell& col = opts.column_table[i];
@@ -720,8 +754,7 @@ void write_report_row(std::ostream& out, const report_row& row, report_options& 
     return;
   }
   if (opts.header_row_pending) write_column_line(out, opts);
-  std::string& line = line_buffer();
-  line.clear();
+  qv::line_text line(line_buffer());
   const size_t count = static_cast<size_t>(row.count);
   for (size_t i = 0; i < count; ++i) {
     i = render_cell(line, row, i, s);
@@ -751,9 +784,11 @@ bool filetime_text::set(uint64_t ticks, const qv::datetime_format& fmt) {
   return true;
 }
 
-void filetime_text::append_time(std::string& out) const {
+size_t filetime_text::time_size() const { return digits_ != 0 ? 9 + digits_ : 8; }
+
+void filetime_text::write_time(char* p) const {
   // "hh:mm:ss" and the fraction, cut (never rounded) from the nanoseconds to
-  // `digits_` places, written in place at the end of `out`.
+  // `digits_` places.
   static constexpr uint64_t kPowers[10] = {1,      10,      100,      1000,      10000,
                                            100000, 1000000, 10000000, 100000000, 1000000000};
   const uint64_t second = ticks_ / kTicksPerSecond;
@@ -766,10 +801,6 @@ void filetime_text::append_time(std::string& out) const {
     put_two(clock_ + 6, of_day % 60);
     second_ = second;
   }
-  const size_t n = digits_ != 0 ? 9 + digits_ : 8;
-  const size_t at = out.size();
-  out.append(n, '0');
-  char* const p = out.data() + at;
   std::memcpy(p, clock_, 8);
   if (digits_ != 0) {
     p[8] = '.';
@@ -781,10 +812,22 @@ void filetime_text::append_time(std::string& out) const {
   }
 }
 
+void filetime_text::append_time(std::string& out) const {
+  const size_t at = out.size();
+  out.append(time_size(), '0');
+  write_time(out.data() + at);
+}
+
+void filetime_text::append_time(qv::line_text& out) const {
+  const size_t n = time_size();
+  write_time(out.room(n));
+  out.advance(n);
+}
+
 // Rows repeat the same few GUIDs (the providers of a trace, the empty
 // activity id), so texts are kept in a small table indexed by a hash of the
-// GUID's bytes.
-void append_cached_guid_text(std::string& out, const uint8_t* guid) {
+// GUID's bytes. The 36 characters of the GUID's text.
+const char* cached_guid_text(const uint8_t* guid) {
   struct entry {
     uint8_t key[16];
     char text[36];
@@ -797,16 +840,13 @@ void append_cached_guid_text(std::string& out, const uint8_t* guid) {
   const uint64_t h = (lo ^ (hi * 0x9E3779B97F4A7C15ULL)) * 0x9E3779B97F4A7C15ULL;
   entry& e = table[h >> 58];
   if (!e.used || std::memcmp(e.key, guid, 16) != 0) {
-    std::string text;
-    text.reserve(36);
-    qv::append_guid_text(text, guid);
-    if (text.size() != sizeof e.text) {
-      out += text;
-      return;
-    }
     std::memcpy(e.key, guid, 16);
-    std::memcpy(e.text, text.data(), sizeof e.text);
+    qv::write_guid_text(e.text, guid);
     e.used = true;
   }
-  out.append(e.text, sizeof e.text);
+  return e.text;
 }
+
+void append_cached_guid_text(std::string& out, const uint8_t* guid) { out.append(cached_guid_text(guid), 36); }
+
+void append_cached_guid_text(qv::line_text& out, const uint8_t* guid) { out.append(cached_guid_text(guid), 36); }

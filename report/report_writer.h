@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "report/report_cell.h"
+#include "support/line_text.h"
 #include "support/qv_datetime.h"
 #include "support/qv_string.h"
 
@@ -48,12 +49,13 @@ void finish_cell_text(report_row& row, int32_t index);
 // row's flags ask for quotes or line-break flattening; the caller then
 // stores the text with begin_cell_text.
 bool set_cell_rendered_text(report_row& row, int32_t index,
-                            void (*render)(std::string& out, const void* source),
+                            void (*render)(qv::line_text& out, const void* source),
                             const void* source);
 
 // Appends the 36 characters of qv::append_guid_text, from a small table of
 // the texts of the GUIDs seen last.
 void append_cached_guid_text(std::string& out, const uint8_t* guid);
+void append_cached_guid_text(qv::line_text& out, const uint8_t* guid);
 
 // Writes the column names; clears header_row_pending.
 void write_column_line(std::ostream& out, report_options& opts);
@@ -76,6 +78,7 @@ void flatten_all_line_breaks(std::string& text);
 // the cleaned text is known not to hold (`from`, when it was replaced and
 // no line break was marked), or 0.
 char clean_field(std::string& out, size_t start, char from, char to);
+char clean_field(qv::line_text& out, size_t start, char from, char to);
 // Whether the field in `out` from `start` on needs quotes to read back as
 // one CSV field: it begins with a double quote, or holds a character of
 // `separator` other than a blank (a separator without a substitute, as
@@ -83,10 +86,13 @@ char clean_field(std::string& out, size_t start, char from, char to);
 // character not to look for, as clean_field returns it.
 bool csv_field_needs_quotes(const std::string& out, size_t start, const std::string& separator,
                             char absent = 0);
+bool csv_field_needs_quotes(const qv::line_text& out, size_t start, const std::string& separator,
+                            char absent = 0);
 // Puts the field in `out` from `start` on between double quotes, its own
 // quotes doubled, as RFC 4180 has it; blanks up to `width` go inside the
 // closing quote, so that padding stays part of the field.
 void quote_csv_field(std::string& out, size_t start, uint64_t width);
+void quote_csv_field(qv::line_text& out, size_t start, uint64_t width);
 
 // Date and time text of FILETIME stamps for the row writers. The date text
 // is kept per day and per format and the "hh:mm:ss" text per second, so a
@@ -99,7 +105,9 @@ class filetime_text {
   // Valid after a successful set().
   const std::string& date() const { return date_; }
   void append_date(std::string& out) const { out += date_; }
+  void append_date(qv::line_text& out) const { out += date_; }
   void append_time(std::string& out) const;
+  void append_time(qv::line_text& out) const;
 
  private:
   uint64_t day_ = UINT64_MAX;
@@ -107,6 +115,8 @@ class filetime_text {
   uint64_t ticks_ = 0;
   uint32_t digits_ = 0;
   std::string date_;
+  size_t time_size() const;
+  void write_time(char* p) const;
   // The second of the day that `clock_` shows ("hh:mm:ss").
   mutable uint64_t second_ = UINT64_MAX;
   mutable char clock_[8] = {};

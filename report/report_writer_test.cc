@@ -467,7 +467,7 @@ TEST(ReportWriter, RenderedTextCellsWriteWhatStoredTextsWrite) {
   struct text_source {
     std::string text;
   };
-  auto render = [](std::string& out, const void* source) {
+  auto render = [](qv::line_text& out, const void* source) {
     out += static_cast<const text_source*>(source)->text;
   };
   const text_source texts[] = {{"a|b"}, {"l1\r\nl2,x"}, {"\"q\" and:colon"}, {""}, {"abcdefghijklmnop"}};

@@ -677,6 +677,11 @@ bool parse_int32(const std::string& text, int32_t& out) {
 
 void append_guid_text(std::string& out, const uint8_t* guid) {
   char b[36];
+  write_guid_text(b, guid);
+  out.append(b, sizeof b);
+}
+
+void write_guid_text(char* b, const uint8_t* guid) {
   const uint32_t d1 = uint32_t(guid[0]) | (uint32_t(guid[1]) << 8) | (uint32_t(guid[2]) << 16) |
                       (uint32_t(guid[3]) << 24);
   const uint32_t d2 = uint32_t(guid[4]) | (uint32_t(guid[5]) << 8);
@@ -691,7 +696,6 @@ void append_guid_text(std::string& out, const uint8_t* guid) {
   put_hex(b + 21, guid[9], 2);
   b[23] = '-';
   for (int i = 0; i < 6; ++i) put_hex(b + 24 + 2 * i, guid[10 + i], 2);
-  out.append(b, sizeof b);
 }
 
 void append_utf8(std::string& out, uint32_t cp) {

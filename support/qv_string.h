@@ -105,6 +105,8 @@ bool parse_int32(const std::string& text, int32_t& out);
 std::string guid_text(const uint8_t* guid);
 // Appends the same 36 characters to `out` without a temporary.
 void append_guid_text(std::string& out, const uint8_t* guid);
+// The same 36 characters written at `out`.
+void write_guid_text(char* out, const uint8_t* guid);
 // Parses "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx" into 16 bytes (Windows layout).
 // False only for a text under 22 characters; a malformed longer text (braces
 // included) gives true with the unread part of the bytes left zero.
