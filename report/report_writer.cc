@@ -28,25 +28,6 @@ constexpr uint64_t kTicksPerDay = kTicksPerSecond * 86400;
 // Padding is never wider than this, whatever width a column claims.
 constexpr uint64_t kMaxPad = 65535;
 
-// Whether one of the `n` bytes at `p` is `a`, `b` or `c`: sixteen bytes at a
-// time where the processor has the instructions for it.
-bool holds_any_of(const char* p, size_t n, char a, char b, char c) {
-  const char* const end = p + n;
-#if defined(__SSE2__)
-  const __m128i va = _mm_set1_epi8(a), vb = _mm_set1_epi8(b), vc = _mm_set1_epi8(c);
-  for (; end - p >= 16; p += 16) {
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const __m128i hits = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(block, va), _mm_cmpeq_epi8(block, vb)),
-                                      _mm_cmpeq_epi8(block, vc));
-    if (_mm_movemask_epi8(hits) != 0) return true;
-  }
-#endif
-  for (; p != end; ++p) {
-    if (*p == a || *p == b || *p == c) return true;
-  }
-  return false;
-}
-
 std::string& line_buffer() {
   thread_local std::string line = [] {
     std::string s;
@@ -571,18 +552,36 @@ void flatten_all_line_breaks(std::string& text) {
 
 namespace {
 
+// Every `from` of the `n` bytes at `p` becomes `to`: sixteen bytes at a
+// time where the processor has the instructions for it, the last sixteen
+// taken again from the end rather than one by one.
+void replace_all(char* p, size_t n, char from, char to) {
+#if defined(__SSE2__)
+  if (n >= 16) {
+    const __m128i froms = _mm_set1_epi8(from);
+    const __m128i tos = _mm_set1_epi8(to);
+    auto replace_block = [&](char* q) {
+      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
+      const __m128i hits = _mm_cmpeq_epi8(block, froms);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(q),
+                       _mm_or_si128(_mm_andnot_si128(hits, block), _mm_and_si128(hits, tos)));
+    };
+    for (size_t i = 0; i + 16 <= n; i += 16) replace_block(p + i);
+    if (n % 16 != 0) replace_block(p + n - 16);
+    return;
+  }
+#endif
+  for (char* const end = p + n; p != end; ++p) {
+    if (*p == from) *p = to;
+  }
+}
+
 // The first part of clean_field, on the bytes themselves: every `from`
 // becomes `to` (when both are set). True when a line break is left to mark.
+// The searches are the C library's, which use the widest instructions the
+// processor has.
 bool replace_and_find_breaks(char* p, size_t n, char from, char to) {
-  const bool replace = from != 0 && to != 0;
-  // One look over the text finds whether there is anything to do at all.
-  if (!holds_any_of(p, n, replace ? from : '\n', '\n', '\r')) return false;
-  char* const end = p + n;
-  if (replace) {
-    for (char* q = p; (q = static_cast<char*>(std::memchr(q, from, static_cast<size_t>(end - q)))) != nullptr;) {
-      *q++ = to;
-    }
-  }
+  if (from != 0 && to != 0 && std::memchr(p, from, n) != nullptr) replace_all(p, n, from, to);
   return std::memchr(p, '\n', n) != nullptr || std::memchr(p, '\r', n) != nullptr;
 }
 
