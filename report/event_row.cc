@@ -87,7 +87,7 @@ void append_id(std::string& out, uint64_t v, bool base16) {
 }
 
 // The extra field of a timeline line: the event's decoded fields.
-void render_extra_of(std::string& out, const void* source) {
+void render_extra_of(qv::line_text& out, const void* source) {
   render_extra_data(*static_cast<const etl_record*>(source), out);
 }
 

@@ -68,7 +68,7 @@ const std::string& item(const std::vector<std::string>& list, size_t i) {
 // Appends one text field: the separator character to its substitute, line
 // breaks flattened, and quotes where a CSV reader needs them to read the
 // field back as one.
-void put_field(std::string& line, const std::string& text, const timeline_record& r) {
+void put_field(qv::line_text& line, const std::string& text, const timeline_record& r) {
   const size_t start = line.size();
   line += text;
   const char absent = clean_field(line, start, r.separator_char, r.sub_separator_char);
@@ -102,7 +102,7 @@ size_t count_byte(const char* p, size_t n, char c) {
 // `begin` to `end` hold those fields and the separator behind each of them
 // but the last (or behind every one of them when `end` is the start of the
 // next field, as when the first 14 are looked at: 14 separators either way).
-bool fields_plain(const std::string& line, size_t begin, size_t end,
+bool fields_plain(const qv::line_text& line, size_t begin, size_t end,
                   const size_t (&starts)[kTextFields], size_t fields, const timeline_record& r) {
   const char* p = line.data() + begin;
   const size_t n = end - begin;
@@ -125,7 +125,7 @@ bool fields_plain(const std::string& line, size_t begin, size_t end,
   return true;
 }
 
-void put_decimal(std::string& out, uint64_t v) {
+void put_decimal(qv::line_text& out, uint64_t v) {
   char buf[20];
   size_t n = 0;
   do {
@@ -318,7 +318,7 @@ void expand_macb(std::vector<timeline_entry>& entries, timeline_record& r) {
 namespace {
 
 // The 15 fields behind the date and time; `starts` gets where each begins.
-void append_fields(std::string& line, const timeline_entry& e, const timeline_record& r,
+void append_fields(qv::line_text& line, const timeline_entry& e, const timeline_record& r,
                    size_t (&starts)[kTextFields], bool clean) {
   const std::string& sep = r.separator;
   if (!clean) {
@@ -348,8 +348,7 @@ void append_fields(std::string& line, const timeline_entry& e, const timeline_re
       if (t) room += t->size();
     }
     const size_t at = line.size();
-    line.resize(at + room);
-    char* const base = line.data();
+    char* const base = line.room(room) - at;
     char* p = base + at;
     for (size_t k = 0; k < kTextFields; ++k) {
       if (k != 0) {
@@ -369,7 +368,7 @@ void append_fields(std::string& line, const timeline_entry& e, const timeline_re
         std::memcpy(p, d, static_cast<size_t>(end - d));
         p += end - d;
       } else if (k + 1 == kTextFields && rendered) {
-        line.resize(static_cast<size_t>(p - base));
+        line.advance(static_cast<size_t>(p - base) - at);
         r.render_extra(line, r.extra_source);
         return;
       } else {
@@ -377,7 +376,7 @@ void append_fields(std::string& line, const timeline_entry& e, const timeline_re
         p += texts[k]->size();
       }
     }
-    line.resize(static_cast<size_t>(p - base));
+    line.advance(static_cast<size_t>(p - base) - at);
     return;
   }
   size_t k = 0;
@@ -427,11 +426,8 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
     out.write(head.data(), static_cast<std::streamsize>(head.size()));
   }
 
-  thread_local std::string line = [] {
-    std::string s;
-    s.reserve(4096);
-    return s;
-  }();
+  thread_local std::string storage;
+  qv::line_text line(storage);
   thread_local filetime_text stamp;
   const std::string& sep = r.separator;
   for (const timeline_entry& e : entries) {
@@ -467,7 +463,7 @@ void write_timeline_lines(bool& header_row_pending, std::ostream& out, timeline_
     } else {
       // The clean-up reads the extra field's text from the record: a
       // text written straight into the line is taken back from there.
-      if (r.render_extra) r.extra.assign(line, last, std::string::npos);
+      if (r.render_extra) r.extra.assign(line.data() + last, line.size() - last);
       line.resize(begin);
       append_fields(line, e, r, starts, true);
     }

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "support/line_text.h"
 #include "support/qv_datetime.h"
 #include "support/qv_time.h"
 
@@ -43,7 +44,7 @@ struct timeline_record {
   // When set, the extra field's text is written by `render_extra` from
   // `extra_source` straight into the line (and into `extra` only when the
   // line must be cleaned); `extra` is then not read otherwise.
-  void (*render_extra)(std::string& out, const void* source) = nullptr;
+  void (*render_extra)(qv::line_text& out, const void* source) = nullptr;
   const void* extra_source = nullptr;
   std::string separator = ",";
   char separator_char = ',';

@@ -216,7 +216,7 @@ TEST(Timeline, RenderedExtraFieldWritesWhatTheTextWrites) {
   struct source_text {
     std::string text;
   };
-  auto render = [](std::string& out, const void* source) { out += static_cast<const source_text*>(source)->text; };
+  auto render = [](qv::line_text& out, const void* source) { out += static_cast<const source_text*>(source)->text; };
   const source_text texts[] = {{"x"}, {""}, {"data{\"01-a\":\"x,y\"}"}, {"\"q\""}, {"l1\nl2"}};
   for (const source_text& t : texts) {
     for (int form = 0; form < 3; ++form) {
