@@ -65,25 +65,28 @@ uint16_t shown_event_id(const etl_record& r) {
   return (r.kind == kind_c002 || r.kind == kind_c011) ? r.hook_id : r.event_id;
 }
 
-// "0x" and at least four hexadecimal digits, or decimal.
+// "0x" and at least four hexadecimal digits, or decimal; composed backwards
+// on the stack and appended at once.
 void append_id(std::string& out, uint64_t v, bool base16) {
-  char buf[20];
-  size_t n = 0;
+  char buf[24];
+  char* const end = buf + sizeof buf;
+  char* p = end;
   if (base16) {
     static constexpr char kHex[] = "0123456789abcdef";
     do {
-      buf[n++] = kHex[v & 0xF];
+      *--p = kHex[v & 0xF];
       v >>= 4;
     } while (v != 0);
-    while (n < 4) buf[n++] = '0';
-    out += "0x";
+    while (end - p < 4) *--p = '0';
+    *--p = 'x';
+    *--p = '0';
   } else {
     do {
-      buf[n++] = static_cast<char>('0' + v % 10);
+      *--p = static_cast<char>('0' + v % 10);
       v /= 10;
     } while (v != 0);
   }
-  while (n > 0) out.push_back(buf[--n]);
+  out.append(p, static_cast<size_t>(end - p));
 }
 
 // The extra field of a timeline line: the event's decoded fields.
