@@ -32,11 +32,14 @@ constexpr uint32_t kMaxNumberDigits = 32;
 constexpr char kZeros[kMaxNumberDigits + 1] = "00000000000000000000000000000000";
 
 // Writes `value` in lower-case hexadecimal at `p`, zero-filled to `digits`
-// (at most kMaxNumberDigits); returns the end of what it wrote.
+// (at most kMaxNumberDigits); returns the end of what it wrote. The zeros
+// go first in whole 16-byte stores, which may run up to 32 bytes past `p`,
+// and the digits over them.
 char* put_hex_at(char* p, uint64_t value, uint32_t digits) {
-  uint32_t significant = 1;
-  for (uint64_t v = value >> 4; v != 0; v >>= 4) ++significant;
+  const uint32_t significant = value == 0 ? 1 : static_cast<uint32_t>(std::bit_width(value) + 3) / 4;
   const uint32_t width = digits > significant ? digits : significant;
+  std::memcpy(p, kZeros, 16);
+  if (width > 16) std::memcpy(p + 16, kZeros, 16);
   char* const end = p + width;
   char* q = end;
   uint32_t left = significant;
@@ -46,7 +49,6 @@ char* put_hex_at(char* p, uint64_t value, uint32_t digits) {
     *--q = pair[0];
   }
   if (left) *--q = kHexDigits[value & 0xF];
-  while (q > p) *--q = '0';
   return end;
 }
 

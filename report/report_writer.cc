@@ -307,8 +307,15 @@ size_t decimal_length(uint64_t v) {
 }
 
 // Writes the hexadecimal digits of `v` backwards to end at `end`, zero
-// filled to `digits`; returns the first character written.
+// filled to `digits` (at most kMaxInPlaceDigits); returns the first character
+// written. The zeros go first, in whole 16-byte stores from the first of
+// them that may run up to 15 bytes past `end`, into the room the line keeps
+// behind its end; the digits go over them.
 char* put_hex_backwards(char* end, uint64_t v, size_t digits) {
+  static constexpr char kZeros[16] = {'0', '0', '0', '0', '0', '0', '0', '0',
+                                      '0', '0', '0', '0', '0', '0', '0', '0'};
+  char* const first = end - digits;
+  for (char* z = first; z < end; z += 16) std::memcpy(z, kZeros, 16);
   char* p = end;
   while (v >= 0x100) {
     const char* pair = kHexPairs.pairs[v & 0xFF];
@@ -323,9 +330,7 @@ char* put_hex_backwards(char* end, uint64_t v, size_t digits) {
   } else {
     *--p = kHexDigits[v];
   }
-  char* const first = end - digits;
-  while (p > first) *--p = '0';
-  return p;
+  return p < first ? p : first;
 }
 
 // Number cells: the cell's room is made at once, blanks in front, and the

@@ -5,6 +5,10 @@
 
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "report/report_writer.h"
 #include "report/report_options.h"
 
@@ -78,10 +82,27 @@ void put_field(qv::line_text& line, const std::string& text, const timeline_reco
 // The fields of a line behind its date and time: 15 of them, 14 separators.
 constexpr size_t kTextFields = 15;
 
-// How often `c` stands in the `n` bytes at `p`; counted in blocks of 255 in
-// a byte-wide counter, which the compiler turns into wide compares.
+// How often `c` stands in the `n` bytes at `p`: sixteen bytes at a time in
+// sixteen byte-wide counters, summed every 255 blocks before they overflow,
+// where the processor has the instructions for it; the rest in blocks of
+// 255 in one byte-wide counter, which the compiler turns into wide compares.
 size_t count_byte(const char* p, size_t n, char c) {
   size_t total = 0;
+#if defined(__SSE2__)
+  const __m128i wanted = _mm_set1_epi8(c);
+  const __m128i zero = _mm_setzero_si128();
+  while (n >= 16) {
+    const size_t blocks = n / 16 < 255 ? n / 16 : 255;
+    __m128i counts = zero;
+    for (size_t i = 0; i < blocks; ++i, p += 16) {
+      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      counts = _mm_sub_epi8(counts, _mm_cmpeq_epi8(block, wanted));
+    }
+    const __m128i sums = _mm_sad_epu8(counts, zero);
+    total += static_cast<size_t>(_mm_cvtsi128_si32(sums)) + static_cast<size_t>(_mm_extract_epi16(sums, 4));
+    n -= blocks * 16;
+  }
+#endif
   while (n > 0) {
     const size_t m = n < 255 ? n : 255;
     uint8_t k = 0;
