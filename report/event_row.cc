@@ -94,16 +94,27 @@ void render_extra_of(qv::line_text& out, const void* source) {
   render_extra_data(*static_cast<const etl_record*>(source), out);
 }
 
-void write_timeline_event(etl_record& record, std::ostream& out, report_options& opts) {
-  thread_local timeline_record tl;
+}  // namespace
+
+void bind_event_timeline(timeline_record& tl, const report_options& opts) {
   reset_timeline_record(tl);
   bind_timeline_options(tl, opts);
-  set_time_slots(tl, 0, 0, 0, record.absolute_time, qv::type_filetime);
   set_slot_texts(tl, "", "", "", "ETL Entry");
   tl.source.assign("ETL");
   tl.sourcetype.assign(opts.session_name);
+  tl.filename.assign(opts.row_file_name);
+  tl.notes.assign("Orig filename: ");
+  tl.notes += opts.orig_source_path;
+}
+
+void write_timeline_event(etl_record& record, std::ostream& out, report_options& opts, timeline_record& tl) {
+  set_time_slots(tl, 0, 0, 0, record.absolute_time, qv::type_filetime);
+  // Left from the last line when it was cleaned; this line's data is
+  // written from the record.
+  tl.extra.clear();
 
   std::string& s = tl.short_text;
+  s.clear();
   s.push_back('{');
   append_cached_guid_text(s, record.provider_id.data());
   s += "}; Event: ";
@@ -118,13 +129,18 @@ void write_timeline_event(etl_record& record, std::ostream& out, report_options&
     tl.desc += "; ThreadID: ";
     append_id(tl.desc, record.thread_id, opts.base16);
   }
-  tl.filename.assign(opts.row_file_name);
-  tl.notes.assign("Orig filename: ");
-  tl.notes += opts.orig_source_path;
   // The data goes straight into the line.
   tl.render_extra = render_extra_of;
   tl.extra_source = &record;
   write_timeline_lines(opts.header_row_pending, out, tl);
+}
+
+namespace {
+
+void write_timeline_event(etl_record& record, std::ostream& out, report_options& opts) {
+  thread_local timeline_record tl;
+  bind_event_timeline(tl, opts);
+  write_timeline_event(record, out, opts, tl);
 }
 
 // Cells 0 to 3, common to both forms of the header row.
@@ -270,6 +286,8 @@ void write_short_header_row(const uint8_t* first_block, std::ostream& out, repor
 void row_sink::file_opened(const file_opening& file) {
   opts_.session_name = file.session_name;
   opts_.orig_source_path = file.orig_source_path;
+  timeline_bound_ = opts_.format_l2t;
+  if (timeline_bound_) bind_event_timeline(timeline_, opts_);
   // The column line and the header row stand behind the file's head.
   std::ostringstream held;
   if (file.header) write_header_info_row(*file.header, held, opts_);
@@ -291,5 +309,12 @@ void row_sink::file_opened(const file_opening& file) {
 }
 
 void row_sink::take_records(record_list& records) {
-  for (etl_record& rec : records) write_event_row(rec, out_, opts_);
+  for (etl_record& rec : records) {
+    // Timeline lines of this file: the record bound when the file opened.
+    if (timeline_bound_ && opts_.format_l2t && rec.absolute_time != 0) {
+      write_timeline_event(rec, out_, opts_, timeline_);
+    } else {
+      write_event_row(rec, out_, opts_);
+    }
+  }
 }

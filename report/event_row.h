@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 
+#include "report/timeline.h"
 #include "support/line_text.h"
 #include "trace/etl_record.h"
 #include "trace/log_header.h"
@@ -29,6 +30,14 @@ void write_header_info_row(const log_header& header, std::ostream& out, report_o
 // 72-byte header.
 void write_short_header_row(const uint8_t* first_block, std::ostream& out, report_options& opts);
 
+// The timeline record of an event, but for the event's own values: output
+// settings, and the texts that are the same for every event of the file
+// (session, file name, recorded log file name).
+void bind_event_timeline(timeline_record& tl, const report_options& opts);
+// The timeline line of an event whose time is set, from a record bound as
+// above; the record's per-event values are set here.
+void write_timeline_event(etl_record& record, std::ostream& out, report_options& opts, timeline_record& tl);
+
 // The sink of the row output: for each file its head, column line and the
 // pseudo-row of its log header, then one row (or timeline line) per record.
 class row_sink : public record_sink {
@@ -41,4 +50,7 @@ class row_sink : public record_sink {
  private:
   std::ostream& out_;
   report_options& opts_;
+  // Under -csvl2t, bound for the file that is open.
+  timeline_record timeline_;
+  bool timeline_bound_ = false;
 };

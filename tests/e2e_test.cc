@@ -225,6 +225,47 @@ TEST(EndToEnd, SampleTraceWorkedExampleUnderCsvAndTimeline) {
   EXPECT_EQ(e2e::count(r.out, ",...B,"), 4u);
 }
 
+// Two traces in one list under -csvl2t: every line carries the session, the
+// path and the recorded log file name of its own file, not those of the file
+// before it.
+TEST(EndToEnd, TimelineLinesCarryTheirOwnFilesTexts) {
+  e2e::temp_dir dir;
+  auto one_event_trace = [](const std::string& session, const std::string& log_file, uint32_t pid) {
+    tw::log_header_spec h;
+    h.clock = tw::clock_qpc;
+    h.system_time = 1000000000;
+    h.start_time = 134170743671234567ull;  // 2026-03-04 05:06:07.1234567 UTC
+    h.logger_name = session;
+    h.log_file_name = log_file;
+    tw::etl_writer w;
+    w.log_header(h);
+    tw::event_spec e;
+    e.provider = tw::guid_from_text("5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b");
+    e.id = 7;
+    e.time = 1000000000;
+    e.process_id = pid;
+    e.thread_id = 0x20;
+    tw::buffer_spec bs;
+    bs.timestamp = 1000000000;
+    w.add_buffer({tw::event_header_record(e)}, bs);
+    return w.data();
+  };
+  const std::string first = dir.write("first.etl", one_event_trace("Session One", "c:\\one.etl", 0x11));
+  const std::string second = dir.write("second.etl", one_event_trace("Session Two", "d:\\two.etl", 0x22));
+  run_result r = run_quon("-quiet -csvl2t -log \"" + first + " | " + second + "\"");
+  const std::string head = "\n2026-03-04, 05:06:07.123456700,UTC,...B,ETL,";
+  const std::string event = ",ETL Entry,,,{5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b}; Event: 0x0007,"
+                            "{5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b}; Event: 0x0007; ProcID: ";
+  const size_t a = r.out.find(head + "Session One" + event + "0x0011; ThreadID: 0x0020,2," + first +
+                              ",,Orig filename: c:\\one.etl,quon (ovrelt),");
+  const size_t b = r.out.find(head + "Session Two" + event + "0x0022; ThreadID: 0x0020,2," + second +
+                              ",,Orig filename: d:\\two.etl,quon (ovrelt),");
+  ASSERT_NE(a, std::string::npos) << r.out;
+  ASSERT_NE(b, std::string::npos) << r.out;
+  EXPECT_LT(a, b);
+  EXPECT_EQ(e2e::count(r.out, ",...B,"), 2u);
+}
+
 TEST(EndToEnd, ShippedSampleIsTheTraceWritersSample) {
   const std::string shipped = e2e::read_text(std::string(QUON_SOURCE_DIR) + "/examples/sample.etl");
   const tw::bytes expected = tw::sample_trace();
