@@ -25,7 +25,8 @@ enum record_kind : uint32_t {
   kind_instance = 13,    // instance header 0xC00B (32-bit) or 0xC015 (64-bit)
 };
 
-struct etl_record {
+// Every value of a record but its name and fields: reset as one.
+struct etl_record_values {
   uint16_t size = 0;
   uint16_t header_type = 0;
   uint16_t flags_or_version = 0;
@@ -49,8 +50,6 @@ struct etl_record {
   uint8_t alignment = 0;
   uint16_t logger_id = 0;
   uint64_t absolute_time = 0;
-  std::string provider_name;
-  decoded_fields fields;
   uint32_t kind = kind_placeholder;
   bool has_provider = false;
   bool valid = true;
@@ -60,15 +59,18 @@ struct etl_record {
   // descriptor's Version of an EVENT_HEADER, the class version of a classic
   // record; -1 when the header carries none.
   int32_t layout_version = -1;
+};
 
-  // Clears every value but keeps the storage of names and fields for reuse.
+struct etl_record : etl_record_values {
+  std::string provider_name;
+  decoded_fields fields;
+
+  // Clears every value but keeps the storage of the name and the fields for
+  // reuse.
   void reset() {
-    std::string name = std::move(provider_name);
-    decoded_fields f = std::move(fields);
-    *this = etl_record();
-    name.clear();
-    f.clear();
-    provider_name = std::move(name);
-    fields = std::move(f);
+    static_cast<etl_record_values&>(*this) = etl_record_values();
+    provider_name.clear();
+    fields.clear();
   }
 };
+
