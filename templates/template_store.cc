@@ -52,7 +52,7 @@ template_digest digest_of(const std::string& text) {
 }
 
 const provider_entry* find_provider(const template_store& store, const qv::guid16& guid) {
-  provider_lookup_cache& c = store.last_provider;
+  provider_lookup_cache::slot& c = store.last_provider.slot_of(guid);
   if (c.entry && c.guid == guid) return c.entry;
   auto p = store.providers.find(guid);
   if (p == store.providers.end()) return nullptr;
@@ -328,7 +328,7 @@ void clear(template_store& store) {
   store.block_field_names.shrink_to_fit();
   store.link_pending = nullptr;
   store.learned.reset();
-  store.last_provider.entry = nullptr;
+  store.last_provider.clear();
 }
 
 void set_trace_build(template_store& store, uint32_t build) { store.trace_build = build; }

@@ -58,25 +58,37 @@ struct provider_entry {
   std::vector<block_record_ref> pending;      // block records not linked yet, in block order
 };
 
-// The provider of the last lookup that found one: events of one provider
-// mostly come in runs, and the map search is then passed over. Entries of
-// the providers map stay where they are while others are added; the cache is
+// The providers of the last lookups that found one: events of a few
+// providers mostly come one after the other, and the map search is then
+// passed over. A GUID has one slot, chosen by its bytes. Entries of the
+// providers map stay where they are while others are added; the cache is
 // emptied when the store is cleared, and a moved or copied store starts with
 // an empty one.
 struct provider_lookup_cache {
-  qv::guid16 guid{};
-  const provider_entry* entry = nullptr;
+  static constexpr size_t kSlots = 8;
+  struct slot {
+    qv::guid16 guid{};
+    const provider_entry* entry = nullptr;
+  };
+  slot slots[kSlots];
+
   provider_lookup_cache() = default;
   provider_lookup_cache(const provider_lookup_cache&) {}
-  provider_lookup_cache(provider_lookup_cache&& from) noexcept { from.entry = nullptr; }
+  provider_lookup_cache(provider_lookup_cache&& from) noexcept { from.clear(); }
   provider_lookup_cache& operator=(const provider_lookup_cache&) {
-    entry = nullptr;
+    clear();
     return *this;
   }
   provider_lookup_cache& operator=(provider_lookup_cache&& from) noexcept {
-    entry = nullptr;
-    from.entry = nullptr;
+    clear();
+    from.clear();
     return *this;
+  }
+  void clear() {
+    for (slot& s : slots) s.entry = nullptr;
+  }
+  slot& slot_of(const qv::guid16& guid) {
+    return slots[(guid[0] ^ guid[5] ^ guid[10] ^ guid[15]) % kSlots];
   }
 };
 

@@ -350,4 +350,20 @@ TEST(TemplateStore, TheLastProviderFoundIsKeptOnlyWhileItsEntryIsValid) {
   EXPECT_EQ(find_provider(moved, a), &moved.providers[a]);
   store.providers.clear();
   EXPECT_EQ(find_provider(store, a), nullptr);
+
+  // Providers taking turns, more of them than the cache has slots, so that
+  // some share a slot: each lookup finds its own entry, whatever was kept.
+  template_store turns;
+  for (uint8_t i = 0; i < 20; ++i) {
+    std::string& name = turns.providers[guid_with(uint8_t(100 + i))].name;
+    name = "p";
+    name += std::to_string(i);
+  }
+  for (int round = 0; round < 3; ++round) {
+    for (uint8_t i = 0; i < 20; ++i) {
+      const qv::guid16 g = guid_with(uint8_t(100 + (i * 7 + round) % 20));
+      ASSERT_EQ(find_provider(turns, g), &turns.providers[g]) << int(i) << " round " << round;
+    }
+  }
+  EXPECT_EQ(find_provider(turns, guid_with(99)), nullptr);
 }
