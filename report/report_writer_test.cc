@@ -210,18 +210,26 @@ TEST(ReportWriter, CleanFieldFindsMarksAtEveryPlace) {
   // the sixteen-byte blocks, and the text comes out as replacing and then
   // flattening it gives. The character returned is one the cleaned text is
   // known not to hold.
-  const std::string plain = "0123456789abcdefghijklmnopqrstuvwxyzABCD";
-  for (size_t at = 0; at < plain.size(); ++at) {
-    for (const char mark : {'|', '\n', '\r'}) {
-      std::string text = plain;
-      text[at] = mark;
-      std::string line = "head|" + text;
-      const char absent = clean_field(line, 5, '|', ';');
-      std::string expected = text;
-      std::replace(expected.begin(), expected.end(), '|', ';');
-      flatten_all_line_breaks(expected);
-      ASSERT_EQ(line, "head|" + expected) << int(mark) << " at " << at;
-      ASSERT_EQ(absent, mark == '|' ? '|' : '\0') << at;
+  // Texts of every length the looks treat apart (below a word, below a
+  // block, whole blocks, past the point where the C library takes over).
+  for (const size_t length : {0u, 1u, 3u, 7u, 8u, 9u, 15u, 16u, 17u, 31u, 40u, 255u, 256u, 300u}) {
+    std::string plain;
+    for (size_t i = 0; i < length; ++i) plain += char('a' + i % 26);
+    std::string line = "head|" + plain;
+    EXPECT_EQ(clean_field(line, 5, '|', ';'), length == 0 ? '\0' : '|') << length;
+    EXPECT_EQ(line, "head|" + plain);
+    for (size_t at = 0; at < length; ++at) {
+      for (const char mark : {'|', '\n', '\r'}) {
+        std::string text = plain;
+        text[at] = mark;
+        line = "head|" + text;
+        const char absent = clean_field(line, 5, '|', ';');
+        std::string expected = text;
+        std::replace(expected.begin(), expected.end(), '|', ';');
+        flatten_all_line_breaks(expected);
+        ASSERT_EQ(line, "head|" + expected) << int(mark) << " at " << at << " of " << length;
+        ASSERT_EQ(absent, mark == '|' ? '|' : '\0') << at << " of " << length;
+      }
     }
   }
   // Every separator character of a text goes, however many there are.
