@@ -581,11 +581,13 @@ void replace_all(char* p, size_t n, char from, char to) {
   }
 }
 
-// Whether one of the `n` bytes at `p` is `a`, `b` or `c`. Texts of cells are
-// mostly short, and three calls of the C library's search cost more than
-// the look itself: sixteen bytes at a time, the last sixteen taken again
-// from the end, and eight bytes at a time below that. Long texts go to the
-// C library, whose searches use the widest instructions the processor has.
+}  // namespace
+
+// Texts of cells are mostly short, and three calls of the C library's search
+// cost more than the look itself: sixteen bytes at a time, the last sixteen
+// taken again from the end, and eight bytes at a time below that. Long texts
+// go to the C library, whose searches use the widest instructions the
+// processor has.
 bool holds_any_of(const char* p, size_t n, char a, char b, char c) {
 #if defined(__SSE2__)
   constexpr size_t kLong = 256;
@@ -626,6 +628,8 @@ bool holds_any_of(const char* p, size_t n, char a, char b, char c) {
   }
   return false;
 }
+
+namespace {
 
 // The first part of clean_field, on the bytes themselves: every `from`
 // becomes `to` (when both are set). True when a line break is left to mark.

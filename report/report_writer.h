@@ -73,6 +73,8 @@ void flatten_all_line_breaks(std::string& text);
 // CSV forms (-csv, -csvgen, -csvl2t) also quote a field that a CSV reader
 // would otherwise not read back as one field.
 //
+// Whether one of the `n` bytes at `p` is `a`, `b` or `c`.
+bool holds_any_of(const char* p, size_t n, char a, char b, char c);
 // Cleans what stands in `out` from `start` on: every `from` becomes `to`
 // (when both are set), then flatten_all_line_breaks. Returns a character
 // the cleaned text is known not to hold (`from`, when it was replaced and

@@ -127,7 +127,7 @@ bool fields_plain(const qv::line_text& line, size_t begin, size_t end,
                   const size_t (&starts)[kTextFields], size_t fields, const timeline_record& r) {
   const char* p = line.data() + begin;
   const size_t n = end - begin;
-  if (std::memchr(p, '\n', n) != nullptr || std::memchr(p, '\r', n) != nullptr) return false;
+  if (holds_any_of(p, n, '\n', '\r', '\r')) return false;
   for (size_t k = 0; k < fields; ++k) {
     const size_t at = starts[k];
     if (at < end && line[at] == '"') return false;
