@@ -204,11 +204,47 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
     write_timeline_event(record, out, opts);
     return;
   }
-  thread_local report_row row;
   // No columns (as under -csvl2t, which never fills the table) or too many:
-  // the event is dropped without a word. The sixteen cells of the table
-  // are all set below.
+  // the event is dropped without a word.
   const int32_t count = column_count(opts);
+  if (count == 16 && !opts.format_multiline) {
+    // The usual table: the values go straight into the line.
+    row_line line(out, opts, count, row_flags(opts));
+    if (record.absolute_time != 0) {
+      line.number(record.absolute_time, rt_filetime, 0);
+    } else {
+      line.number(record.raw_time, rt_ticks, 0);
+    }
+    line.bytes(record.provider_id.data(), 16, rt_guid, 0);
+    line.text(record.provider_name, rt_text, 0);
+    line.text(opts.session_name, rt_text, 0);
+    line.bytes(record.activity_id.data(), 16, rt_guid, 0);
+    line.number(shown_event_id(record), rt_u16, 0);
+    line.number(record.process_id, rt_u32, 0);
+    line.number(record.thread_id, rt_u32, 0);
+    line.number(record.channel, rt_u8, rf_decimal);
+    line.number(record.level, rt_u8, rf_decimal);
+    line.number(record.opcode, rt_u8, rf_decimal);
+    line.number(record.task, rt_u16, rf_decimal);
+    line.number(record.keyword, rt_u64, rf_hex);
+    line.number(record.time_word, rt_u64, rf_hex);
+    line.number(record.processor, rt_u8, rf_decimal);
+    if (!line.rendered_text(render_data_cell, &record)) {
+      thread_local std::string extra;
+      extra.clear();
+      {
+        qv::line_text text(extra, qv::line_text::behind);
+        render_data_cell(text, &record);
+        text.settle();
+      }
+      line.text(extra, rt_text, 0);
+    }
+    line.finish();
+    return;
+  }
+  // Any other table, and -multiline, which lays the whole row out at once:
+  // the cells are stored first, all sixteen of them set below.
+  thread_local report_row row;
   if (count == 16 ? !init_report_row_for_all_cells(row, count, row_flags(opts))
                   : !init_report_row(row, count, row_flags(opts))) {
     return;

@@ -17,6 +17,7 @@
 #include "support/qv_time.h"
 
 using report_detail::cell_at;
+using report_detail::cell_view;
 using report_detail::is_two_cell;
 using report_detail::prepare_cell;
 
@@ -158,10 +159,9 @@ qv::type_time time_kind_of(uint16_t type) {
 }
 
 // The storing-time rules of text cells.
-void finish_text(report_cell& cell) {
-  if (cell.flags == rf_flatten) flatten_line_breaks(cell.text);
-  if (cell.flags & rf_quote) {
-    std::string& t = cell.text;
+void finish_text(std::string& t, uint32_t flags) {
+  if (flags == rf_flatten) flatten_line_breaks(t);
+  if (flags & rf_quote) {
     // A text that already opens a quoted structure stays as it is.
     if (!(t.size() > 2 && t[0] == '{' && t[1] == '"')) {
       t.insert(t.begin(), '"');
@@ -202,7 +202,7 @@ bool render_time(uint64_t value, uint16_t type, const qv::datetime_format& fmt,
 // A one-cell time: a leading blank under pad_with_blanks, then date, one
 // blank and time, left-aligned in the column. An invalid stamp leaves a
 // blank for each half (none under -no_whitespace).
-void write_time_cell(qv::line_text& out, const report_cell& c, uint64_t w, const report_options& o) {
+void write_time_cell(qv::line_text& out, const cell_view& c, uint64_t w, const report_options& o) {
   if (time_kind_of(c.type) == qv::type_filetime) {
     // The usual stamp: date and time go straight into the line.
     thread_local filetime_text stamp;
@@ -230,7 +230,7 @@ void write_time_cell(qv::line_text& out, const report_cell& c, uint64_t w, const
 }
 
 // A two-cell time: the date in this column, the time in the next.
-void write_time_pair(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t w_next,
+void write_time_pair(qv::line_text& out, const cell_view& c, uint64_t w, uint64_t w_next,
                      const report_options& o) {
   thread_local std::string date, time;
   if (!render_time(c.number, c.type, o.datetime_format, date, time) && !o.no_whitespace) {
@@ -247,7 +247,7 @@ void write_time_pair(qv::line_text& out, const report_cell& c, uint64_t w, uint6
   if (!o.no_whitespace) pad_left_aligned(out, start, w_next);
 }
 
-void write_ticks_cell(qv::line_text& out, const report_cell& c, uint64_t w, const report_options& o) {
+void write_ticks_cell(qv::line_text& out, const cell_view& c, uint64_t w, const report_options& o) {
   if (o.pad_with_blanks) out.push_back(' ');
   const size_t start = out.size();
   if (o.base16 || c.flags == rf_hex) {
@@ -260,7 +260,7 @@ void write_ticks_cell(qv::line_text& out, const report_cell& c, uint64_t w, cons
 }
 
 // The general path of number cells: composed in the line, then padded.
-void write_number_cell_general(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t prefix,
+void write_number_cell_general(qv::line_text& out, const cell_view& c, uint64_t w, uint64_t prefix,
                                const report_options& o) {
   const size_t start = out.size();
   const uint64_t field = prefix < w ? w - prefix : 0;
@@ -337,7 +337,7 @@ char* put_hex_backwards(char* end, uint64_t v, size_t digits) {
 // digits are written into it in place; no text is composed on the side to
 // be copied in. Zero fills wider than kMaxInPlaceDigits (only from odd column
 // widths) and the hexadecimal-and-decimal form take the general path.
-void write_number_cell(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t prefix,
+void write_number_cell(qv::line_text& out, const cell_view& c, uint64_t w, uint64_t prefix,
                        const report_options& o) {
   const uint64_t field = prefix < w ? w - prefix : 0;
   const uint64_t v = c.number;
@@ -389,7 +389,7 @@ void write_number_cell(qv::line_text& out, const report_cell& c, uint64_t w, uin
   }
 }
 
-void write_text_cell(qv::line_text& out, const report_cell& c, uint64_t w, uint64_t prefix,
+void write_text_cell(qv::line_text& out, const cell_view& c, uint64_t w, uint64_t prefix,
                      const line_settings& s) {
   const report_options& o = s.o;
   const size_t start = out.size();
@@ -429,7 +429,7 @@ void write_text_cell(qv::line_text& out, const report_cell& c, uint64_t w, uint6
   }
 }
 
-void write_bytes_cell(qv::line_text& out, const report_cell& c, uint64_t w, const report_options& o) {
+void write_bytes_cell(qv::line_text& out, const cell_view& c, uint64_t w, const report_options& o) {
   const size_t start = out.size();
   if (c.type == rt_hex_pairs) {
     // Pairs between blanks; a value longer than max_text bytes is cut and
@@ -450,11 +450,11 @@ void write_bytes_cell(qv::line_text& out, const report_cell& c, uint64_t w, cons
   if (!o.no_whitespace) pad_left_aligned(out, start, w);
 }
 
-// Renders cell `i` (and, for a two-cell time, the next one); returns the
-// index of the last cell it used.
-size_t render_cell(qv::line_text& out, const report_row& row, size_t i, const line_settings& s) {
+// Renders the cell `c` of column `i` of a row of `count` cells (and, for a
+// two-cell time, the next column as well); returns the index of the last
+// column it used.
+size_t render_value(qv::line_text& out, const cell_view& c, size_t i, size_t count, const line_settings& s) {
   const report_options& o = s.o;
-  const report_cell& c = row.cells[i];
   const uint64_t w = column_width(o, i);
   uint64_t prefix = 0;
   if (c.flags & rf_arrow) {
@@ -494,7 +494,7 @@ size_t render_cell(qv::line_text& out, const report_row& row, size_t i, const li
       break;
     default:
       if (is_two_cell(c.type)) {
-        if (i + 1 < static_cast<size_t>(row.count)) {
+        if (i + 1 < count) {
           write_time_pair(out, c, w, column_width(o, i + 1), o);
           return i + 1;
         }
@@ -506,6 +506,16 @@ size_t render_cell(qv::line_text& out, const report_row& row, size_t i, const li
       break;
   }
   return i;
+}
+
+cell_view view_of(const report_cell& c) {
+  return cell_view{c.type, c.max_text, c.flags, c.number, c.text, c.bytes, c.render, c.source};
+}
+
+// Renders cell `i` of the row (and, for a two-cell time, the next one);
+// returns the index of the last cell it used.
+size_t render_cell(qv::line_text& out, const report_row& row, size_t i, const line_settings& s) {
+  return render_value(out, view_of(row.cells[i]), i, static_cast<size_t>(row.count), s);
 }
 
 void write_multiline_row(std::ostream& out, const report_row& row, report_options& o,
@@ -752,7 +762,7 @@ bool set_cell_rendered_text(report_row& row, int32_t index,
 }
 
 void finish_cell_text(report_row& row, int32_t index) {
-  if (report_cell* cell = cell_at(row, index, 0)) finish_text(*cell);
+  if (report_cell* cell = cell_at(row, index, 0)) finish_text(cell->text, cell->flags);
 }
 
 int32_t set_cell_text(report_row& row, int32_t index, const std::string& text, uint16_t type,
@@ -761,7 +771,7 @@ int32_t set_cell_text(report_row& row, int32_t index, const std::string& text, u
   const int32_t used = prepare_cell(row, index, type, flags, cell);
   if (cell) {
     cell->text.assign(text);
-    finish_text(*cell);
+    finish_text(cell->text, cell->flags);
   }
   return used;
 }
@@ -904,3 +914,68 @@ const char* cached_guid_text(const uint8_t* guid) {
 void append_cached_guid_text(std::string& out, const uint8_t* guid) { out.append(cached_guid_text(guid), 36); }
 
 void append_cached_guid_text(qv::line_text& out, const uint8_t* guid) { out.append(cached_guid_text(guid), 36); }
+
+row_line::row_line(std::ostream& out, report_options& opts, int32_t count, uint32_t default_flags)
+    : out_(out),
+      opts_(opts),
+      count_(count > 0 && count < 256 ? static_cast<size_t>(count) : 0),
+      default_flags_(default_flags),
+      line_(line_buffer()) {
+  // The column line goes through the same line buffer, so it comes first.
+  if (count_ != 0 && opts.header_row_pending) write_column_line(out, opts);
+}
+
+void row_line::put(const cell_view& c) {
+  if (next_ >= count_) return;
+  const line_settings s{opts_, opts_.format_csv || opts_.format_csvgen || opts_.format_l2t};
+  if (next_ != 0) line_ += opts_.separator;
+  next_ = render_value(line_, c, next_, count_, s) + 1;
+}
+
+void row_line::skip(uint16_t type) {
+  // A cell that stores nothing still takes its column (two for a two-cell
+  // type), which then shows nothing.
+  const size_t used = is_two_cell(type) ? 2 : 1;
+  for (size_t k = 0; k < used; ++k) put(cell_view{});
+}
+
+void row_line::number(uint64_t value, uint16_t type, uint32_t flags) {
+  if (type >= 32) return skip(type);
+  put(cell_view{type, 20, flags | default_flags_, value, {}, {}, nullptr, nullptr});
+}
+
+void row_line::text(std::string_view text, uint16_t type, uint32_t flags) {
+  if (type >= 32) return skip(type);
+  flags |= default_flags_;
+  if (flags == rf_flatten || (flags & rf_quote)) {
+    // The storing-time rules work on a copy, as on a stored text.
+    thread_local std::string held;
+    held.assign(text);
+    finish_text(held, flags);
+    put(cell_view{type, 20, flags, 0, held, {}, nullptr, nullptr});
+    return;
+  }
+  put(cell_view{type, 20, flags, 0, text, {}, nullptr, nullptr});
+}
+
+void row_line::bytes(const uint8_t* data, uint32_t length, uint16_t type, uint32_t flags) {
+  if (type >= 32) return skip(type);
+  std::span<const uint8_t> b;
+  if (data != nullptr) b = std::span<const uint8_t>(data, length);
+  put(cell_view{type, 20, flags | default_flags_, 0, {}, b, nullptr, nullptr});
+}
+
+bool row_line::rendered_text(void (*render)(qv::line_text& out, const void* source), const void* source) {
+  if (default_flags_ & rf_quote) return false;
+  if (default_flags_ == rf_flatten) return false;
+  put(cell_view{rt_text, 20, default_flags_, 0, {}, {}, render, source});
+  return true;
+}
+
+void row_line::finish() {
+  if (count_ == 0) return;
+  // Columns not given show nothing, between their separators.
+  while (next_ < count_) put(cell_view{});
+  line_.push_back('\n');
+  out_.write(line_.data(), static_cast<std::streamsize>(line_.size()));
+}

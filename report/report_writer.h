@@ -6,8 +6,10 @@
 
 #include <cstdint>
 #include <ostream>
+#include <span>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "report/report_cell.h"
@@ -122,6 +124,56 @@ class filetime_text {
   // The second of the day that `clock_` shows ("hh:mm:ss").
   mutable uint64_t second_ = UINT64_MAX;
   mutable char clock_[8] = {};
+};
+
+namespace report_detail {
+
+// What the writer reads of a cell, whether the cell is stored in a row or
+// handed straight to a row_line.
+struct cell_view {
+  uint16_t type = 0;
+  uint16_t max_text = 20;
+  uint32_t flags = 0;
+  uint64_t number = 0;
+  std::string_view text;
+  std::span<const uint8_t> bytes;
+  void (*render)(qv::line_text& out, const void* source) = nullptr;
+  const void* source = nullptr;
+};
+
+}  // namespace report_detail
+
+// A row written straight into its line, cell after cell, without its values
+// being stored first: for rows written for every event. Each call takes the
+// next column's value as the setter of the same name takes it for a stored
+// row (the column line, when pending, is written first), and `finish`
+// writes the line, which equals what write_report_row writes for the same
+// cells. Columns not given show nothing. Not for -multiline, whose rows are
+// laid out whole.
+class row_line {
+ public:
+  row_line(std::ostream& out, report_options& opts, int32_t count, uint32_t default_flags);
+  row_line(const row_line&) = delete;
+  row_line& operator=(const row_line&) = delete;
+
+  void number(uint64_t value, uint16_t type, uint32_t flags);
+  void text(std::string_view text, uint16_t type, uint32_t flags);
+  void bytes(const uint8_t* data, uint32_t length, uint16_t type, uint32_t flags);
+  // As set_cell_rendered_text: false, and the column still to be given,
+  // when the row's flags ask for quotes or line-break flattening.
+  bool rendered_text(void (*render)(qv::line_text& out, const void* source), const void* source);
+  void finish();
+
+ private:
+  void put(const report_detail::cell_view& c);
+  void skip(uint16_t type);
+
+  std::ostream& out_;
+  report_options& opts_;
+  size_t count_;
+  uint32_t default_flags_;
+  qv::line_text line_;
+  size_t next_ = 0;  // the next column to be written
 };
 
 // ---- Inline parts of the cell setters -------------------------------------

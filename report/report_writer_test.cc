@@ -690,3 +690,88 @@ TEST(ReportWriter, FiletimeTextMatchesFormatDatetime) {
     }
   }
 }
+
+// A row written straight into its line is the line the same cells give when
+// stored first, in every form and with every kind of value: numbers under
+// each flag, times of one and two cells, GUIDs, bytes, texts that need
+// cleaning or quotes, a rendered text, a type that stores nothing, and
+// columns left out at the end.
+TEST(ReportWriter, RowLineWritesWhatStoredCellsWrite) {
+  struct text_source {
+    std::string text;
+  };
+  auto render = [](qv::line_text& out, const void* source) { out += static_cast<const text_source*>(source)->text; };
+  const text_source rendered{"data{\"01-a\":\"x|y,z\"}"};
+  const uint8_t guid[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+  const uint8_t raw[3] = {0xab, 0x00, 0x7f};
+  // How many of the twelve values below each row gets, and its flags.
+  for (const size_t given : {12u, 9u}) {
+    for (const uint32_t row_flags : {0u, uint32_t{rf_quote}, uint32_t{rf_flatten}}) {
+      for (int form = 0; form < 4; ++form) {
+        report_options o;
+        defaults(o);
+        if (form == 1) as_csv(o);
+        if (form == 2) as_no_whitespace(o);
+        if (form == 3) o.base16 = false;
+        set_columns(o, {{rt_filetime, 30}, {rt_u32, 12}, {rt_u8, 4}, {rt_u64, 20}, {rt_guid, 36}, {rt_text, 16},
+                        {rt_text, 16}, {rt_unix_two, 12}, {0, 10}, {rt_hex_pairs, 12}, {rt_ticks, 20}, {0, 6},
+                        {rt_text, 10}, {rt_text, 30}});
+        const int32_t count = static_cast<int32_t>(o.column_table.size());
+        report_row row;
+        ASSERT_TRUE(init_report_row(row, count, row_flags));
+        std::ostringstream direct;
+        row_line line(direct, o, count, row_flags);
+        int32_t i = 0;
+        size_t n = 0;
+        auto number = [&](uint64_t v, uint16_t type, uint32_t flags) {
+          if (n++ >= given) return;
+          i += set_cell_number(row, i, v, type, flags);
+          line.number(v, type, flags);
+        };
+        auto text = [&](const std::string& t, uint16_t type, uint32_t flags) {
+          if (n++ >= given) return;
+          i += set_cell_text(row, i, t, type, flags);
+          line.text(t, type, flags);
+        };
+        auto bytes = [&](const uint8_t* data, uint32_t length, uint16_t type, uint32_t flags) {
+          if (n++ >= given) return;
+          i += set_cell_bytes(row, i, data, length, type, flags);
+          line.bytes(data, length, type, flags);
+        };
+        number(kStamp, rt_filetime, 0);
+        number(0x1234, rt_u32, 0);
+        number(7, rt_u8, rf_decimal);
+        number(0x8000000000000010ULL, rt_u64, rf_hex);
+        bytes(guid, 16, rt_guid, 0);
+        text("a|b\r\nc", rt_text, 0);
+        text("\"quoted, text\"", rt_text, 0);
+        number(1700000000, rt_unix_two, 0);  // two cells
+        bytes(raw, 3, rt_hex_pairs, 0);
+        number(123456789, rt_ticks, 0);
+        text("nothing", 40, 0);  // a type that stores nothing
+        number(0, rt_u16, rf_zero_blank);
+        if (given == 12) {
+          if (set_cell_rendered_text(row, i, render, &rendered)) {
+            ASSERT_TRUE(line.rendered_text(render, &rendered));
+          } else {
+            ASSERT_FALSE(line.rendered_text(render, &rendered));
+            set_cell_text(row, i, rendered.text, rt_text, 0);
+            line.text(rendered.text, rt_text, 0);
+          }
+        }
+        line.finish();
+        const std::string stored = write_row(o, row);
+        ASSERT_FALSE(stored.empty());
+        EXPECT_EQ(direct.str(), stored) << "form " << form << " flags " << row_flags << " given " << given;
+      }
+    }
+  }
+  // An invalid count writes nothing either way.
+  report_options o;
+  defaults(o);
+  std::ostringstream direct;
+  row_line line(direct, o, 0, 0);
+  line.number(1, rt_u8, 0);
+  line.finish();
+  EXPECT_EQ(direct.str(), "");
+}
