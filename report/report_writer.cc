@@ -567,28 +567,36 @@ void flatten_all_line_breaks(std::string& text) {
 
 namespace {
 
-// Every `from` of the `n` bytes at `p` becomes `to`: sixteen bytes at a
-// time where the processor has the instructions for it, the last sixteen
-// taken again from the end rather than one by one.
-void replace_all(char* p, size_t n, char from, char to) {
+// Every `from` of the `n` bytes at `p` becomes `to`; true when a line break
+// is left among them. One pass, sixteen bytes at a time where the processor
+// has the instructions for it, the last sixteen taken again from the end
+// rather than one by one (doing either twice changes nothing).
+bool replace_all(char* p, size_t n, char from, char to) {
 #if defined(__SSE2__)
   if (n >= 16) {
     const __m128i froms = _mm_set1_epi8(from);
     const __m128i tos = _mm_set1_epi8(to);
+    const __m128i lfs = _mm_set1_epi8('\n');
+    const __m128i crs = _mm_set1_epi8('\r');
+    __m128i breaks = _mm_setzero_si128();
     auto replace_block = [&](char* q) {
-      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
+      __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q));
       const __m128i hits = _mm_cmpeq_epi8(block, froms);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(q),
-                       _mm_or_si128(_mm_andnot_si128(hits, block), _mm_and_si128(hits, tos)));
+      block = _mm_or_si128(_mm_andnot_si128(hits, block), _mm_and_si128(hits, tos));
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(q), block);
+      breaks = _mm_or_si128(breaks, _mm_or_si128(_mm_cmpeq_epi8(block, lfs), _mm_cmpeq_epi8(block, crs)));
     };
     for (size_t i = 0; i + 16 <= n; i += 16) replace_block(p + i);
     if (n % 16 != 0) replace_block(p + n - 16);
-    return;
+    return _mm_movemask_epi8(breaks) != 0;
   }
 #endif
+  bool breaks = false;
   for (char* const end = p + n; p != end; ++p) {
     if (*p == from) *p = to;
+    if (*p == '\n' || *p == '\r') breaks = true;
   }
+  return breaks;
 }
 
 }  // namespace
@@ -646,8 +654,8 @@ namespace {
 bool replace_and_find_breaks(char* p, size_t n, char from, char to) {
   const bool replace = from != 0 && to != 0;
   if (!holds_any_of(p, n, replace ? from : '\n', '\n', '\r')) return false;
-  if (replace && std::memchr(p, from, n) != nullptr) replace_all(p, n, from, to);
-  return std::memchr(p, '\n', n) != nullptr || std::memchr(p, '\r', n) != nullptr;
+  if (replace) return replace_all(p, n, from, to);
+  return true;  // no replacing: what was found is a line break
 }
 
 // Line breaks of what `out` holds from `start` on, marked.
