@@ -65,9 +65,9 @@ uint16_t shown_event_id(const etl_record& r) {
   return (r.kind == kind_c002 || r.kind == kind_c011) ? r.hook_id : r.event_id;
 }
 
-// "0x" and at least four hexadecimal digits, or decimal; composed backwards
-// on the stack and appended at once.
-void append_id(std::string& out, uint64_t v, bool base16) {
+// "0x" and at least four hexadecimal digits, or decimal, written at `out`
+// (20 characters at most); returns the end of what it wrote.
+char* put_id(char* out, uint64_t v, bool base16) {
   char buf[24];
   char* const end = buf + sizeof buf;
   char* p = end;
@@ -86,7 +86,9 @@ void append_id(std::string& out, uint64_t v, bool base16) {
       v /= 10;
     } while (v != 0);
   }
-  out.append(p, static_cast<size_t>(end - p));
+  const size_t n = static_cast<size_t>(end - p);
+  std::memcpy(out, p, n);
+  return out + n;
 }
 
 // The extra field of a timeline line: the event's decoded fields.
@@ -113,22 +115,28 @@ void write_timeline_event(etl_record& record, std::ostream& out, report_options&
   // written from the record.
   tl.extra.clear();
 
-  std::string& s = tl.short_text;
-  s.clear();
-  s.push_back('{');
-  append_cached_guid_text(s, record.provider_id.data());
-  s += "}; Event: ";
-  append_id(s, shown_event_id(record), opts.base16);
-
-  tl.desc.assign(s);
+  // "{guid}; Event: id", then the same with the process and the thread
+  // behind it: composed once on the stack, each text set with one copy.
+  char text[160];  // 1 + 36 + 10 + 20, + 10 + 20, + 12 + 20 at most
+  char* p = text;
+  *p++ = '{';
+  std::memcpy(p, cached_guid_text(record.provider_id.data()), 36);
+  p += 36;
+  std::memcpy(p, "}; Event: ", 10);
+  p += 10;
+  p = put_id(p, shown_event_id(record), opts.base16);
+  tl.short_text.assign(text, static_cast<size_t>(p - text));
   if (record.process_id != 0) {
-    tl.desc += "; ProcID: ";
-    append_id(tl.desc, record.process_id, opts.base16);
+    std::memcpy(p, "; ProcID: ", 10);
+    p += 10;
+    p = put_id(p, record.process_id, opts.base16);
   }
   if (record.thread_id != 0) {
-    tl.desc += "; ThreadID: ";
-    append_id(tl.desc, record.thread_id, opts.base16);
+    std::memcpy(p, "; ThreadID: ", 12);
+    p += 12;
+    p = put_id(p, record.thread_id, opts.base16);
   }
+  tl.desc.assign(text, static_cast<size_t>(p - text));
   // The data goes straight into the line.
   tl.render_extra = render_extra_of;
   tl.extra_source = &record;

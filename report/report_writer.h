@@ -57,6 +57,8 @@ bool set_cell_rendered_text(report_row& row, int32_t index,
 // Appends the 36 characters of qv::append_guid_text, from a small table of
 // the texts of the GUIDs seen last.
 void append_cached_guid_text(std::string& out, const uint8_t* guid);
+// The same 36 characters where they are kept (until the next call).
+const char* cached_guid_text(const uint8_t* guid);
 void append_cached_guid_text(qv::line_text& out, const uint8_t* guid);
 
 // Writes the column names; clears header_row_pending.

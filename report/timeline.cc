@@ -373,7 +373,7 @@ void append_fields(qv::line_text& line, const timeline_entry& e, const timeline_
     char* p = base + at;
     for (size_t k = 0; k < kTextFields; ++k) {
       if (k != 0) {
-        std::memcpy(p, sep.data(), sep.size());
+        qv::line_text::copy(p, sep.data(), sep.size());
         p += sep.size();
       }
       starts[k] = static_cast<size_t>(p - base);
@@ -386,14 +386,14 @@ void append_fields(qv::line_text& line, const timeline_entry& e, const timeline_
           *--d = static_cast<char>('0' + v % 10);
           v /= 10;
         } while (v != 0);
-        std::memcpy(p, d, static_cast<size_t>(end - d));
+        qv::line_text::copy(p, d, static_cast<size_t>(end - d));
         p += end - d;
       } else if (k + 1 == kTextFields && rendered) {
         line.advance(static_cast<size_t>(p - base) - at);
         r.render_extra(line, r.extra_source);
         return;
       } else {
-        std::memcpy(p, texts[k]->data(), texts[k]->size());
+        qv::line_text::copy(p, texts[k]->data(), texts[k]->size());
         p += texts[k]->size();
       }
     }

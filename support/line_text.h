@@ -55,13 +55,16 @@ class line_text {
   }
   void pop_back() { --used_; }
   void append(const char* p, size_t n) {
-    char* d = room(n);
+    copy(room(n), p, n);
+    used_ += n;
+  }
+  // Copies `n` bytes to `d`, the short ones without a call.
+  static void copy(char* d, const char* p, size_t n) {
     if (n <= 16) {
       copy_short(d, p, n);
     } else {
       std::memcpy(d, p, n);
     }
-    used_ += n;
   }
   // `n` copies of `c`; up to kSlack of them in one fixed-size fill.
   void append(size_t n, char c) {
