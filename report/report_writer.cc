@@ -170,10 +170,28 @@ void finish_text(std::string& t, uint32_t flags) {
   }
 }
 
+// Whether every character of the separator but blanks is the separator
+// character, and that character is replaced in texts: then a cleaned text
+// can't hold the separator, and only a quote in front asks for quotes.
+bool separator_always_replaced(const report_options& o) {
+  const char from = o.separator_char, to = o.sub_separator_char;
+  if (from == 0 || to == 0 || from == to) return false;
+  for (char ch : o.separator) {
+    if (ch != ' ' && ch != from) return false;
+  }
+  return true;
+}
+
 // Everything the writer needs from the option record for one line.
 struct line_settings {
+  explicit line_settings(const report_options& opts)
+      : line_settings(opts, opts.format_csv || opts.format_csvgen || opts.format_l2t,
+                      separator_always_replaced(opts)) {}
+  line_settings(const report_options& opts, bool csv_form, bool replaced)
+      : o(opts), csv(csv_form), separator_replaced(replaced) {}
   const report_options& o;
   bool csv;  // -csv or -csvgen: text fields are quoted where they must be
+  bool separator_replaced;
 };
 
 uint64_t column_width(const report_options& o, size_t i) {
@@ -413,7 +431,11 @@ void write_text_cell(qv::line_text& out, const cell_view& c, uint64_t w, uint64_
       quote_csv_field(out, start, field);
       return;
     }
-    if (csv_field_needs_quotes(out, start, o.separator, absent)) {
+    // The separator can't stand in a text cleaned of its one character.
+    const bool needs = s.separator_replaced && absent == o.separator_char
+                           ? len != 0 && out[start] == '"'
+                           : csv_field_needs_quotes(out, start, o.separator, absent);
+    if (needs) {
       quote_csv_field(out, start, field);
       return;
     }
@@ -820,7 +842,7 @@ void write_column_line(std::ostream& out, report_options& opts) {
 
 void write_report_row(std::ostream& out, const report_row& row, report_options& opts) {
   if (!row.valid || row.count <= 0 || static_cast<size_t>(row.count) > row.cells.size()) return;
-  const line_settings s{opts, opts.format_csv || opts.format_csvgen || opts.format_l2t};
+  const line_settings s(opts);
   if (opts.format_multiline) {
     write_multiline_row(out, row, opts, s);
     return;
@@ -928,6 +950,8 @@ row_line::row_line(std::ostream& out, report_options& opts, int32_t count, uint3
       opts_(opts),
       count_(count > 0 && count < 256 ? static_cast<size_t>(count) : 0),
       default_flags_(default_flags),
+      csv_(opts.format_csv || opts.format_csvgen || opts.format_l2t),
+      separator_replaced_(separator_always_replaced(opts)),
       line_(line_buffer()) {
   // The column line goes through the same line buffer, so it comes first.
   if (count_ != 0 && opts.header_row_pending) write_column_line(out, opts);
@@ -935,7 +959,7 @@ row_line::row_line(std::ostream& out, report_options& opts, int32_t count, uint3
 
 void row_line::put(const cell_view& c) {
   if (next_ >= count_) return;
-  const line_settings s{opts_, opts_.format_csv || opts_.format_csvgen || opts_.format_l2t};
+  const line_settings s(opts_, csv_, separator_replaced_);
   if (next_ != 0) line_ += opts_.separator;
   next_ = render_value(line_, c, next_, count_, s) + 1;
 }

@@ -174,6 +174,8 @@ class row_line {
   report_options& opts_;
   size_t count_;
   uint32_t default_flags_;
+  bool csv_;                  // a CSV form: texts quoted where they must be
+  bool separator_replaced_;   // the separator can't stand in a cleaned text
   qv::line_text line_;
   size_t next_ = 0;  // the next column to be written
 };
