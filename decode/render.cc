@@ -3,11 +3,8 @@
 #include <bit>
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include "support/qv_string.h"
+#include "support/simd.h"
 
 namespace {
 
@@ -125,7 +122,7 @@ void write_text_value(qv::line_text& w, const std::string& text) {
   // block stores may write up to 16 bytes beyond what they keep.
   char* q = w.room(2 * text.size() + 16);
   char* const start = q;
-#if defined(__SSE2__)
+#if defined(QUON_SSE2)
   const __m128i backslashes = _mm_set1_epi8('\\');
   const __m128i quotes = _mm_set1_epi8('"');
   while (end - p >= 16) {

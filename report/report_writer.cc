@@ -8,13 +8,10 @@
 #include <bit>
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include "report/report_options.h"
 #include "support/qv_string.h"
 #include "support/qv_time.h"
+#include "support/simd.h"
 
 using report_detail::cell_at;
 using report_detail::cell_view;
@@ -594,7 +591,7 @@ namespace {
 // has the instructions for it, the last sixteen taken again from the end
 // rather than one by one (doing either twice changes nothing).
 bool replace_all(char* p, size_t n, char from, char to) {
-#if defined(__SSE2__)
+#if defined(QUON_SSE2)
   if (n >= 16) {
     const __m128i froms = _mm_set1_epi8(from);
     const __m128i tos = _mm_set1_epi8(to);
@@ -629,7 +626,7 @@ bool replace_all(char* p, size_t n, char from, char to) {
 // go to the C library, whose searches use the widest instructions the
 // processor has.
 bool holds_any_of(const char* p, size_t n, char a, char b, char c) {
-#if defined(__SSE2__)
+#if defined(QUON_SSE2)
   constexpr size_t kLong = 256;
   if (n >= 16 && n < kLong) {
     const __m128i va = _mm_set1_epi8(a), vb = _mm_set1_epi8(b), vc = _mm_set1_epi8(c);
@@ -644,10 +641,10 @@ bool holds_any_of(const char* p, size_t n, char a, char b, char c) {
     }
     return i < n && any(p + n - 16);
   }
-  if (n >= kLong) {
+#endif
+  if (n >= 16) {
     return std::memchr(p, a, n) != nullptr || std::memchr(p, b, n) != nullptr || std::memchr(p, c, n) != nullptr;
   }
-#endif
   if (n >= 8) {
     // Two words that overlap cover 8 to 15 bytes; a byte equal to `x` leaves
     // a zero byte in the word xor `x` repeated.

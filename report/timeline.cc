@@ -5,12 +5,9 @@
 
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include "report/report_writer.h"
 #include "report/report_options.h"
+#include "support/simd.h"
 
 namespace {
 
@@ -88,7 +85,7 @@ constexpr size_t kTextFields = 15;
 // 255 in one byte-wide counter, which the compiler turns into wide compares.
 size_t count_byte(const char* p, size_t n, char c) {
   size_t total = 0;
-#if defined(__SSE2__)
+#if defined(QUON_SSE2)
   const __m128i wanted = _mm_set1_epi8(c);
   const __m128i zero = _mm_setzero_si128();
   while (n >= 16) {

@@ -11,9 +11,7 @@
 #include <locale>
 #include <sstream>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include "support/simd.h"
 
 namespace qv {
 
@@ -258,7 +256,7 @@ uint32_t utf16_text(const uint8_t* source, std::string& out, uint32_t max_bytes,
     return uint32_t((w & 0xFF) | ((w >> 8) & 0xFF00) | ((w >> 16) & 0xFF0000) | ((w >> 24) & 0xFF000000));
   };
   for (;;) {
-#if defined(__SSE2__)
+#if defined(QUON_SSE2)
     // Sixteen units at a time: all ASCII, they are packed into sixteen bytes
     // in one step, and the text goes on past them when none is zero or ends
     // at the first zero one. Only inside a bounded text, like the eight
