@@ -204,6 +204,71 @@ void render_data_cell(qv::line_text& out, const void* source) {
   render_extra_data(record, out);
 }
 
+// The sixteen values of an event's row, in column order, handed to `cells`:
+// straight into the line (direct_cells) or stored in a row (stored_cells).
+template <class Cells>
+void put_event_cells(Cells& cells, const etl_record& record, const report_options& opts) {
+  if (record.absolute_time != 0) {
+    cells.number(record.absolute_time, rt_filetime, 0);
+  } else {
+    cells.number(record.raw_time, rt_ticks, 0);
+  }
+  cells.bytes(record.provider_id.data(), 16, rt_guid, 0);
+  cells.text(record.provider_name, rt_text, 0);
+  cells.text(opts.session_name, rt_text, 0);
+  cells.bytes(record.activity_id.data(), 16, rt_guid, 0);
+  cells.number(shown_event_id(record), rt_u16, 0);
+  cells.number(record.process_id, rt_u32, 0);
+  cells.number(record.thread_id, rt_u32, 0);
+  cells.number(record.channel, rt_u8, rf_decimal);
+  cells.number(record.level, rt_u8, rf_decimal);
+  cells.number(record.opcode, rt_u8, rf_decimal);
+  cells.number(record.task, rt_u16, rf_decimal);
+  cells.number(record.keyword, rt_u64, rf_hex);
+  cells.number(record.time_word, rt_u64, rf_hex);
+  cells.number(record.processor, rt_u8, rf_decimal);
+  cells.data(record);
+}
+
+struct direct_cells {
+  row_line line;
+  void number(uint64_t v, uint16_t type, uint32_t flags) { line.number(v, type, flags); }
+  void text(const std::string& t, uint16_t type, uint32_t flags) { line.text(t, type, flags); }
+  void bytes(const uint8_t* data, uint32_t length, uint16_t type, uint32_t flags) {
+    line.bytes(data, length, type, flags);
+  }
+  // The data cell is written straight into the line, or, when the row's
+  // flags ask for quotes or flattening, composed aside and then given.
+  void data(const etl_record& record) {
+    if (line.rendered_text(render_data_cell, &record)) return;
+    thread_local std::string extra;
+    extra.clear();
+    qv::line_text text(extra, qv::line_text::behind);
+    render_data_cell(text, &record);
+    line.text(text.settle(), rt_text, 0);
+  }
+};
+
+struct stored_cells {
+  report_row& row;
+  int32_t i = 0;
+  void number(uint64_t v, uint16_t type, uint32_t flags) { i += set_cell_number(row, i, v, type, flags); }
+  void text(const std::string& t, uint16_t type, uint32_t flags) { i += set_cell_text(row, i, t, type, flags); }
+  void bytes(const uint8_t* data, uint32_t length, uint16_t type, uint32_t flags) {
+    i += set_cell_bytes(row, i, data, length, type, flags);
+  }
+  // As direct_cells::data, in the stored cell.
+  void data(const etl_record& record) {
+    if (set_cell_rendered_text(row, i, render_data_cell, &record)) return;
+    if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
+      qv::line_text text(*extra, qv::line_text::behind);
+      render_data_cell(text, &record);
+      text.settle();
+      finish_cell_text(row, i);
+    }
+  }
+};
+
 }  // namespace
 
 void write_event_row(etl_record& record, std::ostream& out, report_options& opts) {
@@ -217,76 +282,20 @@ void write_event_row(etl_record& record, std::ostream& out, report_options& opts
   const int32_t count = column_count(opts);
   if (count == 16 && !opts.format_multiline) {
     // The usual table: the values go straight into the line.
-    row_line line(out, opts, count, row_flags(opts));
-    if (record.absolute_time != 0) {
-      line.number(record.absolute_time, rt_filetime, 0);
-    } else {
-      line.number(record.raw_time, rt_ticks, 0);
-    }
-    line.bytes(record.provider_id.data(), 16, rt_guid, 0);
-    line.text(record.provider_name, rt_text, 0);
-    line.text(opts.session_name, rt_text, 0);
-    line.bytes(record.activity_id.data(), 16, rt_guid, 0);
-    line.number(shown_event_id(record), rt_u16, 0);
-    line.number(record.process_id, rt_u32, 0);
-    line.number(record.thread_id, rt_u32, 0);
-    line.number(record.channel, rt_u8, rf_decimal);
-    line.number(record.level, rt_u8, rf_decimal);
-    line.number(record.opcode, rt_u8, rf_decimal);
-    line.number(record.task, rt_u16, rf_decimal);
-    line.number(record.keyword, rt_u64, rf_hex);
-    line.number(record.time_word, rt_u64, rf_hex);
-    line.number(record.processor, rt_u8, rf_decimal);
-    if (!line.rendered_text(render_data_cell, &record)) {
-      thread_local std::string extra;
-      extra.clear();
-      {
-        qv::line_text text(extra, qv::line_text::behind);
-        render_data_cell(text, &record);
-        text.settle();
-      }
-      line.text(extra, rt_text, 0);
-    }
-    line.finish();
+    direct_cells cells{row_line(out, opts, count, row_flags(opts))};
+    put_event_cells(cells, record, opts);
+    cells.line.finish();
     return;
   }
   // Any other table, and -multiline, which lays the whole row out at once:
-  // the cells are stored first, all sixteen of them set below.
+  // the cells are stored first.
   thread_local report_row row;
   if (count == 16 ? !init_report_row_for_all_cells(row, count, row_flags(opts))
                   : !init_report_row(row, count, row_flags(opts))) {
     return;
   }
-
-  int32_t i = 0;
-  if (record.absolute_time != 0) {
-    i += set_cell_number(row, i, record.absolute_time, rt_filetime, 0);
-  } else {
-    i += set_cell_number(row, i, record.raw_time, rt_ticks, 0);
-  }
-  i += set_cell_bytes(row, i, record.provider_id.data(), 16, rt_guid, 0);
-  i += set_cell_text(row, i, record.provider_name, rt_text, 0);
-  i += set_cell_text(row, i, opts.session_name, rt_text, 0);
-  i += set_cell_bytes(row, i, record.activity_id.data(), 16, rt_guid, 0);
-  i += set_cell_number(row, i, shown_event_id(record), rt_u16, 0);
-  i += set_cell_number(row, i, record.process_id, rt_u32, 0);
-  i += set_cell_number(row, i, record.thread_id, rt_u32, 0);
-  i += set_cell_number(row, i, record.channel, rt_u8, rf_decimal);
-  i += set_cell_number(row, i, record.level, rt_u8, rf_decimal);
-  i += set_cell_number(row, i, record.opcode, rt_u8, rf_decimal);
-  i += set_cell_number(row, i, record.task, rt_u16, rf_decimal);
-  i += set_cell_number(row, i, record.keyword, rt_u64, rf_hex);
-  i += set_cell_number(row, i, record.time_word, rt_u64, rf_hex);
-  i += set_cell_number(row, i, record.processor, rt_u8, rf_decimal);
-  // The data cell is written straight into the line.
-  if (!set_cell_rendered_text(row, i, render_data_cell, &record)) {
-    if (std::string* extra = begin_cell_text(row, i, rt_text, 0)) {
-      qv::line_text line(*extra, qv::line_text::behind);
-      render_data_cell(line, &record);
-      line.settle();
-      finish_cell_text(row, i);
-    }
-  }
+  stored_cells cells{row};
+  put_event_cells(cells, record, opts);
   write_report_row(out, row, opts);
 }
 
