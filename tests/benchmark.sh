@@ -7,14 +7,15 @@
 #   benchmark.sh <quon> <write_trace> [megabytes] [samples-folder] [figures-file]
 # The figures of the run are written to the figures file as well (default:
 # none), so that the last run's figures can be kept beside the sources. Each
-# figure is the fastest of QUON_BENCH_REPEAT runs (default 3).
+# figure is the fastest of QUON_BENCH_REPEAT runs (default 5), the forms
+# taking turns.
 set -eu
 quon=$1
 writer=$2
 mb=${3:-${QUON_BENCH_MB:-512}}
 samples=${4:-${QUON_SAMPLES_DIR:-}}
 figures=${5:-${QUON_BENCH_FIGURES:-}}
-repeat=${QUON_BENCH_REPEAT:-3}
+repeat=${QUON_BENCH_REPEAT:-5}
 dir=${QUON_BENCH_DIR:-/tmp/quon-bench}
 mkdir -p "$dir"
 trace="$dir/big-$mb.etl"
@@ -41,28 +42,32 @@ run_forms() {
   label=$1
   bytes=$2
   list=$3
-  for mode in "" "-csv" "-csvl2t" "-jsonl"; do
-    # The fastest of a few runs: on a machine shared with other work a
-    # single run measures the neighbours as much as the program.
-    secs=""
-    run=0
-    while [ "$run" -lt "$repeat" ]; do
-      run=$((run + 1))
+  # The fastest of a few runs of each form: on a machine shared with other
+  # work a single run measures the neighbours as much as the program. The
+  # forms take turns, round after round, so that a slow spell of the machine
+  # falls on all of them alike rather than on the one that ran then.
+  for name in default -csv -csvl2t -jsonl; do rm -f "$dir/best$name"; done
+  run=0
+  while [ "$run" -lt "$repeat" ]; do
+    run=$((run + 1))
+    for name in default -csv -csvl2t -jsonl; do
+      mode=$name
+      [ "$name" = default ] && mode=""
       start=$(date +%s.%N)
       n=$( { /usr/bin/time -f "%M %U %S" -o "$dir/rss.try" "$quon" -quiet $mode -log "$list"; } | wc -l)
       end=$(date +%s.%N)
       t=$(echo "$end - $start" | bc -l)
-      if [ -z "$secs" ] || [ "$(echo "$t < $secs" | bc -l)" = 1 ]; then
-        secs=$t
-        rows=$n
-        cp "$dir/rss.try" "$dir/rss"
+      if [ ! -f "$dir/best$name" ] || [ "$(echo "$t < $(head -n 1 "$dir/best$name")" | bc -l)" = 1 ]; then
+        { echo "$t"; echo "$n"; cat "$dir/rss.try"; } > "$dir/best$name"
       fi
     done
-    read -r rss user sys < "$dir/rss"
+  done
+  for name in default -csv -csvl2t -jsonl; do
+    { read -r secs; read -r rows; read -r rss user sys; } < "$dir/best$name"
     # The processor time of quon alone as well: on a machine shared with
     # other work the wall time also counts the waits.
     cpu=$(echo "$user + $sys" | bc -l)
-    say "$label mode '${mode:-default}': $bytes bytes, $rows lines in $(echo "$secs" | cut -c1-6) s:" \
+    say "$label mode '$name': $bytes bytes, $rows lines in $(echo "$secs" | cut -c1-6) s:" \
       "$(echo "$bytes / 1048576 / $secs" | bc -l | cut -c1-7) MB/s," \
       "$(echo "$rows / $secs" | bc -l | cut -d. -f1) rows/s," \
       "cpu $cpu s ($(echo "$bytes / 1048576 / $cpu" | bc -l | cut -c1-7) MB/s), peak RSS $rss KiB"
@@ -91,7 +96,7 @@ if [ -n "$figures" ]; then
   {
     echo "# The benchmark's last figures (cmake --build <dir> --target benchmark):"
     echo "# input MB/s and rows/s per output form, output counted through a pipe;"
-    echo "# the fastest of $repeat runs each."
+    echo "# the fastest of $repeat runs each, the forms taking turns."
     cat "$report"
   } > "$figures"
 fi
