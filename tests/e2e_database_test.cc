@@ -14,12 +14,6 @@ namespace {
 
 const char kKernelProcess[] = "22fb2cd6-0e7b-422b-a0c7-2fad1fd0e716";
 
-void put32(std::vector<uint8_t>& b, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-void put64(std::vector<uint8_t>& b, uint64_t v) {
-  for (int i = 0; i < 8; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
 void put_utf16(std::vector<uint8_t>& b, const std::string& ascii) {
   for (char c : ascii) {
     b.push_back(uint8_t(c));
@@ -45,29 +39,29 @@ TEST(LayoutDatabase, KernelProcessStartDecodesEachVersionWithItsOwnLayout) {
   v1.id = 1;
   v1.version = 1;
   v1.time = h.start_time;
-  put32(v1.payload, 0x1234);                // ProcessID
-  put64(v1.payload, 0);                     // CreateTime: 0 is no date
-  put32(v1.payload, 0x4);                   // ParentProcessID
-  put32(v1.payload, 1);                     // SessionID
-  put32(v1.payload, 0);                     // Flags
+  tw::append_u32(v1.payload, 0x1234);                // ProcessID
+  tw::append_u64(v1.payload, 0);                     // CreateTime: 0 is no date
+  tw::append_u32(v1.payload, 0x4);                   // ParentProcessID
+  tw::append_u32(v1.payload, 1);                     // SessionID
+  tw::append_u32(v1.payload, 0);                     // Flags
   put_utf16(v1.payload, "\\cmd.exe");       // ImageName
   tw::event_spec v3 = v1;
   v3.version = 3;
   v3.payload.clear();
-  put32(v3.payload, 0x1234);                // ProcessID
-  put64(v3.payload, 0x77);                  // ProcessSequenceNumber
-  put64(v3.payload, 0);                     // CreateTime
-  put32(v3.payload, 0x4);                   // ParentProcessID
-  put64(v3.payload, 0x2);                   // ParentProcessSequenceNumber
-  put32(v3.payload, 1);                     // SessionID
-  put32(v3.payload, 0);                     // Flags
-  put32(v3.payload, 2);                     // ProcessTokenElevationType
-  put32(v3.payload, 1);                     // ProcessTokenIsElevated
+  tw::append_u32(v3.payload, 0x1234);                // ProcessID
+  tw::append_u64(v3.payload, 0x77);                  // ProcessSequenceNumber
+  tw::append_u64(v3.payload, 0);                     // CreateTime
+  tw::append_u32(v3.payload, 0x4);                   // ParentProcessID
+  tw::append_u64(v3.payload, 0x2);                   // ParentProcessSequenceNumber
+  tw::append_u32(v3.payload, 1);                     // SessionID
+  tw::append_u32(v3.payload, 0);                     // Flags
+  tw::append_u32(v3.payload, 2);                     // ProcessTokenElevationType
+  tw::append_u32(v3.payload, 1);                     // ProcessTokenIsElevated
   // MandatoryLabel: S-1-16-12288 (revision 1, one sub-authority, authority 16).
   for (uint8_t b : {1, 1, 0, 0, 0, 0, 0, 16, 0x00, 0x30, 0, 0}) v3.payload.push_back(b);
   put_utf16(v3.payload, "\\cmd.exe");       // ImageName
-  put32(v3.payload, 0xabcd);                // ImageChecksum
-  put32(v3.payload, 0x5f000000);            // TimeDateStamp
+  tw::append_u32(v3.payload, 0xabcd);                // ImageChecksum
+  tw::append_u32(v3.payload, 0x5f000000);            // TimeDateStamp
   put_utf16(v3.payload, "");                // PackageFullName
   put_utf16(v3.payload, "");                // PackageRelativeAppId
   w.add_buffer({tw::event_header_record(v1), tw::event_header_record(v3)});
@@ -110,7 +104,7 @@ TEST(LayoutDatabase, ProvidersOfTheProviderListAreNamed) {
   e.time = h.start_time;
   e.provider = tw::guid_from_text("5eefebdb-e90c-423a-8abf-0241e7c5b87d");
   e.id = 9;
-  put32(e.payload, 7);
+  tw::append_u32(e.payload, 7);
   w.add_buffer({tw::event_header_record(e)});
   e2e::temp_dir dir;
   const std::string trace = dir.write("n.etl", w.data());

@@ -16,17 +16,6 @@ namespace {
 
 const char kPrivate[] = "763fd754-7086-4dfe-95eb-c01a46faf4ca";
 
-void put_u16(tw::bytes& b, uint16_t v) {
-  b.push_back(uint8_t(v));
-  b.push_back(uint8_t(v >> 8));
-}
-void put_u32(tw::bytes& b, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-void put_u64(tw::bytes& b, uint64_t v) {
-  for (int i = 0; i < 8; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-
 struct private_event {
   uint16_t id;
   uint8_t version;
@@ -83,11 +72,11 @@ const std::string kName = "Microsoft-Windows-DotNETRuntimePrivate";
 // frames at `width` bytes each.
 tw::bytes stack_walk(uint16_t clr, const std::vector<uint64_t>& frames, int width) {
   tw::bytes b;
-  put_u16(b, clr);
+  tw::append_u16(b, clr);
   b.push_back(0);
   b.push_back(0);
-  put_u32(b, uint32_t(frames.size()));
-  for (uint64_t f : frames) width == 8 ? put_u64(b, f) : put_u32(b, uint32_t(f));
+  tw::append_u32(b, uint32_t(frames.size()));
+  for (uint64_t f : frames) width == 8 ? tw::append_u64(b, f) : tw::append_u32(b, uint32_t(f));
   return b;
 }
 
@@ -122,24 +111,24 @@ TEST(DotNetPrivate, StackWalkReadsFrameCountAddresses) {
 TEST(DotNetPrivate, EachVersionWithItsOwnLayout) {
   e2e::temp_dir dir;
   tw::bytes decision_v1, decision_v0, join_v1, handle;
-  put_u32(decision_v1, 1);  // DoCompact
-  put_u16(decision_v1, 5);  // ClrInstanceID
-  put_u32(decision_v0, 0);
-  put_u32(join_v1, 3);      // Heap
-  put_u32(join_v1, 0x1f4);  // JoinTime
-  put_u32(join_v1, 2);      // JoinType
-  put_u16(join_v1, 5);
-  put_u64(handle, 0x000001a2b3c4d5e8ull);  // HandleID
-  put_u64(handle, 0x000001a2b3c40010ull);  // ObjectID
-  put_u32(handle, 3);                      // Kind: pinned
-  put_u32(handle, 2);                      // Generation
-  put_u64(handle, 0x00007ff8aabbccddull);  // AppDomainID
-  put_u16(handle, 5);
+  tw::append_u32(decision_v1, 1);  // DoCompact
+  tw::append_u16(decision_v1, 5);  // ClrInstanceID
+  tw::append_u32(decision_v0, 0);
+  tw::append_u32(join_v1, 3);      // Heap
+  tw::append_u32(join_v1, 0x1f4);  // JoinTime
+  tw::append_u32(join_v1, 2);      // JoinType
+  tw::append_u16(join_v1, 5);
+  tw::append_u64(handle, 0x000001a2b3c4d5e8ull);  // HandleID
+  tw::append_u64(handle, 0x000001a2b3c40010ull);  // ObjectID
+  tw::append_u32(handle, 3);                      // Kind: pinned
+  tw::append_u32(handle, 2);                      // Generation
+  tw::append_u64(handle, 0x00007ff8aabbccddull);  // AppDomainID
+  tw::append_u16(handle, 5);
   // Event 4 in version 2: a payload the manifest doesn't describe (eight
   // bytes); in version 1 only the ClrInstanceID.
   tw::bytes history_v2 = {0x10, 0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00};
   tw::bytes history_v1;
-  put_u16(history_v1, 5);
+  tw::append_u16(history_v1, 5);
 
   const std::string trace = trace_of(dir, "versions.etl", 8,
                                      {{1, 1, true, decision_v1},

@@ -383,17 +383,6 @@ size_t check_against_rows(const std::string& args, bool compare_fields = true) {
 
 // ---- synthetic traces ------------------------------------------------------
 
-void put16(tw::bytes& b, uint16_t v) {
-  b.push_back(uint8_t(v));
-  b.push_back(uint8_t(v >> 8));
-}
-void put32(tw::bytes& b, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-void put64(tw::bytes& b, uint64_t v) {
-  for (int i = 0; i < 8; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-
 tw::log_header_spec header_spec() {
   tw::log_header_spec h;
   h.buffer_size = 4096;
@@ -420,23 +409,23 @@ tw::bytes tracelogging_event(const std::string& name, const std::vector<std::pai
 tw::bytes typed_event() {
   tw::bytes p;
   p.push_back(0xFE);                          // i8 -2
-  put16(p, 0x8000);                           // i16 -32768
-  put32(p, 0xFFFFFFF6);                       // i32 -10
-  put64(p, 0xFFFFFFFFFFFFFFFFull);            // i64 -1
-  put64(p, 0xFFFFFFFFFFFFFFFFull);            // u64 beyond 2^53
-  put64(p, 9007199254740992ull);              // u64 2^53
-  put32(p, 0x3FC00000);                       // f 1.5
-  put64(p, 0x3FB999999999999Aull);            // d 0.1
-  put32(p, 1);                                // b true
-  put32(p, 0);                                // b2 false
+  tw::append_u16(p, 0x8000);                           // i16 -32768
+  tw::append_u32(p, 0xFFFFFFF6);                       // i32 -10
+  tw::append_u64(p, 0xFFFFFFFFFFFFFFFFull);            // i64 -1
+  tw::append_u64(p, 0xFFFFFFFFFFFFFFFFull);            // u64 beyond 2^53
+  tw::append_u64(p, 9007199254740992ull);              // u64 2^53
+  tw::append_u32(p, 0x3FC00000);                       // f 1.5
+  tw::append_u64(p, 0x3FB999999999999Aull);            // d 0.1
+  tw::append_u32(p, 1);                                // b true
+  tw::append_u32(p, 0);                                // b2 false
   const tw::guid g = tw::guid_from_text("5f0b2a11-7c3e-4d10-9a55-0c1d2e3f4a5b");
   p.insert(p.end(), g.begin(), g.end());      // g
-  put64(p, kT0);                              // ft
-  put64(p, 0);                                // ft0
-  for (uint16_t v : {2026, 3, 3, 4, 5, 6, 7, 123}) put16(p, v);  // st
+  tw::append_u64(p, kT0);                              // ft
+  tw::append_u64(p, 0);                                // ft0
+  for (uint16_t v : {2026, 3, 3, 4, 5, 6, 7, 123}) tw::append_u16(p, v);  // st
   for (uint8_t b : {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0}) p.push_back(b);  // sid S-1-5-18
-  put32(p, 0xDEADBEEF);                       // hex
-  put32(p, 0x7FC00000);                       // nan
+  tw::append_u32(p, 0xDEADBEEF);                       // hex
+  tw::append_u32(p, 0x7FC00000);                       // nan
   return tracelogging_event("Typed",
                             {{"i8", 3}, {"i16", 5}, {"i32", 7}, {"i64", 9}, {"u64", 10}, {"exact", 10}, {"f", 11},
                              {"d", 12}, {"b", 13}, {"b2", 13}, {"g", 15}, {"ft", 17}, {"ft0", 17}, {"st", 18},
@@ -449,8 +438,8 @@ tw::bytes typed_event() {
 tw::bytes hostile_event() {
   tw::bytes p;
   auto units = [&p](std::initializer_list<uint16_t> us) {
-    for (uint16_t u : us) put16(p, u);
-    put16(p, 0);
+    for (uint16_t u : us) tw::append_u16(p, u);
+    tw::append_u16(p, 0);
   };
   units({'a', '"', 'b', '\\', 'c', 0x01, 0x1F, 0x09, 'd'});
   units({'x', 0xD800, 'y', 0xDC00, 'z', 0xD83D, 0xDE00});  // lone halves: the text falls back per unit
@@ -467,7 +456,7 @@ tw::bytes plain_event(uint16_t id, uint64_t time, uint32_t payload_word) {
   e.time = time;
   e.process_id = 0xa3c;
   e.thread_id = 0x1b34;
-  put32(e.payload, payload_word);
+  tw::append_u32(e.payload, payload_word);
   for (char c : std::string("cmd.exe")) e.payload.push_back(uint8_t(c));
   e.payload.push_back(0);
   return tw::event_header_record(e);
@@ -564,7 +553,7 @@ TEST(Jsonl, TraceLoggingSchemasThatComeBackKeepTheirOwnFields) {
   // differ only in a byte from another's.
   auto number_event = [](const std::string& name, const std::string& field_name, uint32_t value, uint64_t time) {
     tw::bytes p;
-    put32(p, value);
+    tw::append_u32(p, value);
     return tracelogging_event(name, {{field_name, 8}}, p, time);
   };
   auto text_event = [](const std::string& name, const std::string& text, uint64_t time) {

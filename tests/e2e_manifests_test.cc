@@ -23,17 +23,6 @@ namespace {
 const char kSource[] = "6f1c2a3b-4d5e-4f60-8a7b-9c0d1e2f3a4b";
 const char kPrivate[] = "763fd754-7086-4dfe-95eb-c01a46faf4ca";  // in the embedded database
 
-void put_u16(tw::bytes& b, uint16_t v) {
-  b.push_back(uint8_t(v));
-  b.push_back(uint8_t(v >> 8));
-}
-void put_u32(tw::bytes& b, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-void put_u64(tw::bytes& b, uint64_t v) {
-  for (int i = 0; i < 8; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-
 // A manifest as an event source writes it (on one line, attributes in
 // single quotes so that its text needs no escaping in a row).
 std::string manifest_of(const std::string& guid, const std::string& name, const std::string& events,
@@ -63,8 +52,8 @@ std::string demo_manifest() {
 tw::bytes chunk(uint16_t total, uint16_t number, const std::string& text, uint8_t magic = 0x5B,
                 uint8_t format = 1) {
   tw::bytes b = {format, 1, 0, magic};
-  put_u16(b, total);
-  put_u16(b, number);
+  tw::append_u16(b, total);
+  tw::append_u16(b, number);
   b.insert(b.end(), text.begin(), text.end());
   return b;
 }
@@ -118,17 +107,17 @@ std::vector<std::string> cells_of(const std::string& out, const std::string& gui
 
 tw::bytes u32_payload(uint32_t v) {
   tw::bytes b;
-  put_u32(b, v);
+  tw::append_u32(b, v);
   return b;
 }
 
 // Count 5, then "ab" in UTF-16 with its terminator.
 tw::bytes tick_v1_payload() {
   tw::bytes b;
-  put_u32(b, 5);
+  tw::append_u32(b, 5);
   const tw::bytes ab = tw::utf16("ab");
   b.insert(b.end(), ab.begin(), ab.end());
-  put_u16(b, 0);
+  tw::append_u16(b, 0);
   return b;
 }
 
@@ -142,7 +131,7 @@ std::string demo_trace(const e2e::temp_dir& dir, const std::string& name) {
   const std::string xml = demo_manifest();
   const size_t half = xml.size() / 2;
   tw::bytes big;
-  put_u64(big, 0x0102030405060708ull);
+  tw::append_u64(big, 0x0102030405060708ull);
   return trace_of(dir, name,
                   {{kSource, 1, 0, u32_payload(0x11223344)},
                    manifest_event(kSource, chunk(2, 0, xml.substr(0, half))),
@@ -235,7 +224,7 @@ TEST(EventSourceManifests, TemplatesFileAndDatabaseWin) {
                                          "<event value='80' version='7' template='T'/>",
                                          "<template tid='T'><data name='Seven' inType='win:UInt32'/></template>");
   tw::bytes clr;
-  put_u16(clr, 9);
+  tw::append_u16(clr, 9);
   const std::string db = trace_of(dir, "db.etl",
                                   {manifest_event(kPrivate, chunk(1, 0, forged)),
                                    {kPrivate, 80, 1, clr},

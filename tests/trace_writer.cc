@@ -84,6 +84,19 @@ guid guid_from_text(const std::string& text) {
   return g;
 }
 
+void append_u16(bytes& b, uint16_t v) {
+  b.push_back(uint8_t(v));
+  b.push_back(uint8_t(v >> 8));
+}
+
+void append_u32(bytes& b, uint32_t v) {
+  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
+}
+
+void append_u64(bytes& b, uint64_t v) {
+  for (int i = 0; i < 8; ++i) b.push_back(uint8_t(v >> (8 * i)));
+}
+
 bytes utf16(const std::string& text) {
   bytes out;
   for (size_t i = 0; i < text.size();) {
@@ -446,11 +459,11 @@ bytes sample_trace() {
   // Process start, version 4, 64-bit: key, ids, session, exit status,
   // directory base, flags, the TOKEN_USER pair, S-1-5-18, image name,
   // command line, and two empty strings.
-  for (uint64_t v : {0xffff8a0c12345678ull}) for (int i = 0; i < 8; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
-  for (uint32_t v : {0xa3cu, 4u, 1u, 0x103u}) for (int i = 0; i < 4; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
-  for (uint64_t v : {0x1aa000000ull}) for (int i = 0; i < 8; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
+  append_u64(proc.payload, 0xffff8a0c12345678ull);
+  for (uint32_t v : {0xa3cu, 4u, 1u, 0x103u}) append_u32(proc.payload, v);
+  append_u64(proc.payload, 0x1aa000000ull);
   for (int i = 0; i < 4; ++i) proc.payload.push_back(0);
-  for (uint64_t v : {0xffff8a0c00001000ull, 0ull}) for (int i = 0; i < 8; ++i) proc.payload.push_back(uint8_t(v >> (8 * i)));
+  for (uint64_t v : {0xffff8a0c00001000ull, 0ull}) append_u64(proc.payload, v);
   for (uint8_t b : {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0}) proc.payload.push_back(b);
   for (char c : std::string("cmd.exe")) proc.payload.push_back(uint8_t(c));
   proc.payload.push_back(0);
@@ -502,10 +515,6 @@ void append_utf16(bytes& b, const std::string& text) {
   b.push_back(0);
 }
 
-void append32(bytes& b, uint32_t v) {
-  for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-}
-
 }  // namespace
 
 namespace {
@@ -550,10 +559,10 @@ class big_events {
         e.provider = manifest;
         e.id = static_cast<uint16_t>(1 + r_.next() % 8);
         e.keyword = 0x8000000000000010ull;
-        append32(e.payload, e.process_id);
-        append32(e.payload, r_.next());
+        append_u32(e.payload, e.process_id);
+        append_u32(e.payload, r_.next());
         append_utf16(e.payload, path_text);
-        append32(e.payload, r_.next() % 1000);
+        append_u32(e.payload, r_.next() % 1000);
         rec = event_header_record(e);
       } else if (pick < 8) {  // a classic file name event: pointer and path
         e.id = 0x0400;
@@ -568,7 +577,7 @@ class big_events {
         e.payload.insert(e.payload.end(), app.begin(), app.end());
         e.payload.push_back(0);
         append_utf16(e.payload, path_text);
-        append32(e.payload, r_.next() % 65536);
+        append_u32(e.payload, r_.next() % 65536);
         rec = event_header_record(e);
       }
       const size_t step = (rec.size() + 7) & ~size_t(7);

@@ -24,6 +24,10 @@ using guid = std::array<uint8_t, 16>;
 guid guid_from_text(const std::string& text);
 // UTF-16LE of an ASCII/UTF-8 text (BMP only), without terminator.
 bytes utf16(const std::string& text);
+// Little-endian values appended to `b`, as payloads hold them.
+void append_u16(bytes& b, uint16_t v);
+void append_u32(bytes& b, uint32_t v);
+void append_u64(bytes& b, uint64_t v);
 
 // Clock types of the log header's ReservedFlags.
 enum clock_type : uint32_t { clock_qpc = 1, clock_systemtime = 2, clock_cycles = 3 };
